@@ -1,0 +1,21 @@
+# The library is built as one static library per layer, each depending only on the layers
+# below it (foundation <- platform <- support <- storekit <- store <- catalog <- manager), and
+# the umbrella target zbiap (alias zbiap::zbiap) that links them all. The layers keep the
+# dependency direction honest: a layer that reaches upwards does not link.
+function(zbiap_layer name)
+  cmake_parse_arguments(ARG "" "" "DEPS;PRIVATE_DEPS" ${ARGN})
+  file(GLOB _sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/src/${name}/*.cc")
+  if(_sources)
+    add_library(zbiap_${name} STATIC ${_sources})
+    target_include_directories(zbiap_${name}
+      PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include>
+      PRIVATE ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(zbiap_${name} PUBLIC ${ARG_DEPS}
+                          PRIVATE ${ARG_PRIVATE_DEPS} $<BUILD_INTERFACE:zbiap_warnings>)
+  else()
+    add_library(zbiap_${name} INTERFACE)
+    target_include_directories(zbiap_${name}
+      INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include>)
+    target_link_libraries(zbiap_${name} INTERFACE ${ARG_DEPS})
+  endif()
+endfunction()
