@@ -1,12 +1,25 @@
 #include "commands.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace zbiap::cli {
+namespace {
 
-// Subcommands are declared here and defined in their own files.
+std::vector<Command>& registry() {
+  static std::vector<Command> commands;
+  return commands;
+}
 
-const std::vector<Command>& commands() {
-  static const std::vector<Command> kCommands = {};
-  return kCommands;
+}  // namespace
+
+CommandRegistration::CommandRegistration(Command command) { registry().push_back(command); }
+
+std::vector<Command> commands() {
+  std::vector<Command> sorted = registry();
+  std::sort(sorted.begin(), sorted.end(),
+            [](const Command& a, const Command& b) { return std::strcmp(a.name, b.name) < 0; });
+  return sorted;
 }
 
 }  // namespace zbiap::cli
