@@ -1,0 +1,235 @@
+// The catalogue side of the manager: merging fetched catalogues, asking the store for the
+// catalogue's products and attaching them, refreshing, and taking the store's purchase data.
+#include <set>
+#include <utility>
+
+#include "manager/manager_internal.h"
+#include "zbiap/manager/manager.h"
+#include "zbiap/platform/notification_center.h"
+#include "zbiap/support/logger.h"
+
+namespace {
+
+using zbiap::manager_internal::describe;
+using Lock = std::lock_guard<std::recursive_mutex>;
+
+constexpr char kMissingIdentifierMessage[] =
+    "Found a Dynamic Product Info without an identifier: {}";
+
+bool samePurchases(const std::optional<std::vector<ZBIAPReceiptIAPPtr>>& current,
+                   const std::vector<ZBIAPReceiptIAPPtr>& other) {
+  if (!current || current->size() != other.size()) return false;
+  for (size_t i = 0; i < other.size(); ++i) {
+    const ZBIAPReceiptIAPPtr& a = (*current)[i];
+    const ZBIAPReceiptIAPPtr& b = other[i];
+    if (a == b) continue;
+    if (!a || !b || !a->isEqual(*b)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void ZBIAPManager::updateDynamicProductInfosWithResponse(
+    const std::shared_ptr<ZBIAPProductInfoResponse>& response) {
+  if (!response) return;
+  Lock lock(mutex_);
+  if (!htmlStoreHeader_ || htmlStoreHeader_ != response->htmlStoreHeader()) {
+    htmlStoreHeader_ = response->htmlStoreHeader();
+  }
+  if (!featureGroups_ || featureGroups_ != response->featureGroups()) {
+    featureGroups_ = response->featureGroups();
+  }
+  if (!baselineFeatureMetadata_ || baselineFeatureMetadata_ != response->featureSet()) {
+    baselineFeatureMetadata_ = response->featureSet();
+    locked_saveBaselineFeatures();
+  }
+
+  ProductInfos infos = response->productInfos().value_or(ProductInfos{});
+  for (const ProductInfoPtr& dpi : infos) {
+    if (!dpi) continue;
+    if (dpi->productIdentifier().empty()) {
+      ZBIAP_LOG(logger_, kMissingIdentifierMessage, describe(dpi));
+      continue;
+    }
+    if (storeProductMap_) {
+      auto it = storeProductMap_->find(dpi->productIdentifier());
+      if (it != storeProductMap_->end()) dpi->setProduct(it->second);
+    }
+  }
+
+  if (zbiap::manager_internal::sameProductInfos(dynamicProductInfos_, infos)) {
+    ZBIAP_LOG(logger_, "Successfully queried Dynamic Product Infos: no change.");
+    return;
+  }
+  ZBIAP_LOG(logger_, "Successfully queried Dynamic Product Infos: {}", describe(infos));
+  dynamicProductInfos_ = std::move(infos);
+  locked_saveProductInfos();
+  if (isReady()) {
+    zbiap::NotificationCenter::defaultCenter().post(
+        ZBIAPManagerDidUpdateDynamicProductInfosNotification, this);
+  }
+  if (state() == ZBIAPManagerStateReadyNoProductInfos) locked_updateReadyState();
+  queryStoreProductsWithCompletion(nullptr);
+}
+
+void ZBIAPManager::queryStoreProductsWithCompletion(Completion completion) {
+  ProductInfos infos;
+  std::vector<ZBIAPReceiptIAPPtr> purchases;
+  {
+    Lock lock(mutex_);
+    infos = dynamicProductInfos_.value_or(ProductInfos{});
+    purchases = inAppPurchases_.value_or(std::vector<ZBIAPReceiptIAPPtr>{});
+    locked_increaseQueryCounter();
+  }
+
+  std::set<std::string> identifiers;
+  for (const ProductInfoPtr& dpi : infos) {
+    if (!dpi) continue;
+    bool taken = dpi->active();
+    for (size_t i = 0; !taken && i < purchases.size(); ++i) {
+      taken = purchases[i] && purchases[i]->upgradable() &&
+              purchases[i]->productIdentifier() == dpi->productIdentifier();
+    }
+    if (!taken) {
+      ZBIAP_LOG(logger_, "Skip inactive or Non-Apple Store Dynamic Product Info: {}",
+                describe(dpi));
+    } else if (dpi->productIdentifier().empty()) {
+      ZBIAP_LOG(logger_, kMissingIdentifierMessage, describe(dpi));
+    } else {
+      identifiers.insert(dpi->productIdentifier());
+    }
+  }
+
+  auto self = shared_from_this();
+  configuration_->store()->queryProducts(
+      std::vector<std::string>(identifiers.begin(), identifiers.end()),
+      [self, completion = std::move(completion)](std::vector<ZBIAPStoreProductPtr> products,
+                                                 ZBIAPErrorPtr error) {
+        runOnMainThread(
+            [self, completion, products = std::move(products), error = std::move(error)] {
+              if (!products.empty()) {
+                self->updateStoreProducts(products);
+              } else {
+                ZBIAP_LOG(self->logger_, "Error querying store products: {}", describe(error));
+              }
+              {
+                Lock lock(self->mutex_);
+                self->locked_decreaseQueryCounter();
+              }
+              if (completion) completion(error);
+            });
+      });
+}
+
+void ZBIAPManager::updateStoreProducts(const std::vector<ZBIAPStoreProductPtr>& products) {
+  if (products.empty()) return;
+  Lock lock(mutex_);
+  std::map<std::string, ZBIAPStoreProductPtr> received;
+  for (const ZBIAPStoreProductPtr& product : products) {
+    if (product) received[product->productIdentifier()] = product;
+  }
+
+  ProductInfos attached;
+  for (const ProductInfoPtr& dpi : dynamicProductInfos_.value_or(ProductInfos{})) {
+    if (!dpi) continue;
+    if (dpi->productIdentifier().empty()) {
+      ZBIAP_LOG(logger_, kMissingIdentifierMessage, describe(dpi));
+      continue;
+    }
+    auto it = received.find(dpi->productIdentifier());
+    if (it != received.end()) dpi->setProduct(it->second);
+    if (dpi->product()) attached.push_back(dpi);
+  }
+
+  if (!storeProductMap_) storeProductMap_.emplace();
+  for (auto& [identifier, product] : received) (*storeProductMap_)[identifier] = product;
+
+  if (zbiap::manager_internal::sameProductInfos(dynamicProductInfosWithStoreProducts_, attached)) {
+    return;
+  }
+  dynamicProductInfosWithStoreProducts_ = std::move(attached);
+  zbiap::NotificationCenter::defaultCenter().post(
+      ZBIAPManagerDidUpdateDynamicProductInfosNotification, this);
+  locked_updateReadyState();
+}
+
+void ZBIAPManager::refreshDynamicProductInfosWithCompletion(Completion completion) {
+  std::shared_ptr<ZBIAPProductInfoFetcher> fetcher;
+  {
+    Lock lock(mutex_);
+    fetcher = configuration_->fetcher();
+    if (!isReady()) {
+      // Released before the completion runs, on the caller's thread.
+      fetcher = nullptr;
+    } else {
+      locked_increaseQueryCounter();
+    }
+  }
+  if (!fetcher) {
+    if (completion) completion(ZBIAPError::make(ZBIAPManagerErrorDomain, 0));
+    return;
+  }
+  auto self = shared_from_this();
+  fetcher->fetchWithSuccess(
+      [self, completion](std::shared_ptr<ZBIAPProductInfoResponse> response) {
+        runOnMainThread([self, completion, response] {
+          self->updateDynamicProductInfosWithResponse(response);
+          {
+            Lock lock(self->mutex_);
+            self->locked_decreaseQueryCounter();
+          }
+          if (completion) completion(nullptr);
+        });
+      },
+      [self, completion](ZBIAPErrorPtr error) {
+        runOnMainThread([self, completion, error] {
+          {
+            Lock lock(self->mutex_);
+            self->locked_decreaseQueryCounter();
+          }
+          if (completion) completion(error);
+        });
+      });
+}
+
+void ZBIAPManager::storeDidUpdateInformations(ZBIAPStore& store) {
+  std::vector<ZBIAPReceiptIAPPtr> purchases = store.inAppPurchases();
+  std::optional<zbiap::Date> date = store.originalPurchaseDate();
+  std::optional<std::string> version = store.originalPurchaseVersion();
+
+  // The test runs on the store's thread without holding the lock across it (each field is read
+  // on its own); a date or version that became nil is not a change by itself.
+  bool changed;
+  {
+    std::optional<std::vector<ZBIAPReceiptIAPPtr>> current;
+    std::optional<zbiap::Date> cachedDate;
+    std::optional<std::string> cachedVersion;
+    {
+      Lock lock(mutex_);
+      current = inAppPurchases_;
+      cachedDate = cachedOriginalPurchaseDate_;
+      cachedVersion = cachedOriginalPurchaseVersion_;
+    }
+    if (!samePurchases(current, purchases)) {
+      changed = true;
+    } else if (date && date != cachedDate) {
+      changed = true;
+    } else if (!version) {
+      changed = false;
+    } else {
+      changed = version != cachedVersion;
+    }
+  }
+  if (!changed) return;
+  {
+    Lock lock(mutex_);
+    inAppPurchases_ = std::move(purchases);
+    cachedOriginalPurchaseDate_ = date;
+    cachedOriginalPurchaseVersion_ = std::move(version);
+  }
+  runOnMainThread([self = shared_from_this()] {
+    zbiap::NotificationCenter::defaultCenter().post(ZBIAPManagerStoreDidUpdateNotification,
+                                                    self.get());
+  });
+}
