@@ -42,6 +42,9 @@ class ZBIAPDateTools {
   // The calling thread's instance.
   static ZBIAPDateTools& dateTools();
   static ZBIAPDateTools& threadLocalInstance() { return dateTools(); }
+  // Reads the system's time zone (TZ) again; instances built afterwards use it, existing ones
+  // (the per-thread instances included) keep theirs.
+  static void resetSystemTimeZone();
 
   // A new instance in the current default time zone.
   ZBIAPDateTools();
