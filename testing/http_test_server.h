@@ -1,0 +1,70 @@
+// zbiap::testing::HttpTestServer: a cpp-httplib server on 127.0.0.1 at a port the kernel picks,
+// for tests that need a real HTTP peer.
+//
+// Register handlers on server() before start(). Handlers run on the server's own threads, so
+// what they record must be guarded. A handler may park in holdUntilReleased() to play a server
+// that accepted the request but never answers; the destructor releases every parked handler
+// before it stops the server.
+#ifndef ZBIAP_TESTING_HTTP_TEST_SERVER_H_
+#define ZBIAP_TESTING_HTTP_TEST_SERVER_H_
+
+// The same configuration as Debian's compiled cpp-httplib (its pkg-config flags), so that the
+// library's types have the layout this code sees.
+#ifndef CPPHTTPLIB_OPENSSL_SUPPORT
+#define CPPHTTPLIB_OPENSSL_SUPPORT
+#endif
+#ifndef CPPHTTPLIB_ZLIB_SUPPORT
+#define CPPHTTPLIB_ZLIB_SUPPORT
+#endif
+#ifndef CPPHTTPLIB_BROTLI_SUPPORT
+#define CPPHTTPLIB_BROTLI_SUPPORT
+#endif
+#include <httplib.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+
+namespace zbiap::testing {
+
+class HttpTestServer {
+ public:
+  HttpTestServer();
+  ~HttpTestServer();
+  HttpTestServer(const HttpTestServer&) = delete;
+  HttpTestServer& operator=(const HttpTestServer&) = delete;
+
+  httplib::Server& server() { return server_; }
+
+  // Binds a free loopback port and serves on a background thread; false when binding failed.
+  // The port accepts connections as soon as this returns.
+  bool start();
+  void stop();
+
+  int port() const { return port_; }
+  // "http://127.0.0.1:<port>" followed by `path`.
+  std::string url(std::string_view path = "") const;
+
+  // Blocks the calling handler until release() or the server's destruction.
+  void holdUntilReleased();
+  void release();
+  // How many handlers are parked in holdUntilReleased() now.
+  int heldCount();
+
+ private:
+  httplib::Server server_;
+  std::thread thread_;
+  std::atomic<bool> listenReturned_{false};
+  int port_ = -1;
+  std::mutex mutex_;
+  std::condition_variable released_;
+  bool releasing_ = false;
+  int held_ = 0;
+};
+
+}  // namespace zbiap::testing
+
+#endif  // ZBIAP_TESTING_HTTP_TEST_SERVER_H_
