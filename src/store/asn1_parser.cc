@@ -49,7 +49,7 @@ size_t readHeader(const uint8_t* p, size_t length, Header* h) {
 
 class ASN1Builder {
  public:
-  explicit ASN1Builder(ASN1Tree* tree) : tree_(tree) {}
+  explicit ASN1Builder(ASN1Tree* tree) : tree_(tree), stack_(tree->stack_) {}
 
   // Parses `data` into the tree, which keeps it.
   bool buildOwned(Data data) {
@@ -347,7 +347,7 @@ class ASN1Builder {
   }
 
   ASN1Tree* tree_;
-  std::vector<uint32_t> stack_;
+  std::vector<uint32_t>& stack_;
   size_t pending_ = 0;
 };
 

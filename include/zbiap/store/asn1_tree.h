@@ -139,6 +139,8 @@ class ASN1Tree {
   std::vector<std::unique_ptr<Data>> buffers_;
   // The input, when the tree owns it.
   Data owned_;
+  // The parser's working stack, kept so that reusing a tree does not allocate.
+  std::vector<uint32_t> stack_;
   uint32_t root_ = 0;
   bool hasRoot_ = false;
 };

@@ -1,0 +1,273 @@
+// Decoding of the receipt: the container is parsed once, its content once, and every
+// purchase and attribute value into reused scratch trees, so the work per attribute allocates
+// nothing beyond the values it produces.
+#include <cmath>
+
+#include "zbiap/store/asn1_parser.h"
+#include "zbiap/store/receipt_parser.h"
+#include "zbiap/support/date_tools.h"
+
+namespace {
+
+using zbiap::ASN1Node;
+using zbiap::ASN1Tree;
+using zbiap::ASN1Type;
+using zbiap::Dictionary;
+using zbiap::Value;
+
+// PKCS #7 data, 1.2.840.113549.1.7.1.
+bool isPKCS7Data(const ZBIAPASN1ObjectID* oid) {
+  static constexpr uint64_t kArcs[] = {1, 2, 840, 113549, 1, 7, 1};
+  if (oid == nullptr || oid->isRelative() || oid->nodes().size() != 7) return false;
+  for (size_t i = 0; i < 7; ++i) {
+    if (oid->nodes()[i] != kArcs[i]) return false;
+  }
+  return true;
+}
+
+// The first array, depth first, whose first element is the PKCS #7 data identifier.
+ASN1Node findContentInfo(ASN1Node array) {
+  if (array.size() > 0 && isPKCS7Data(array[0].objectID())) return array;
+  for (size_t i = 0; i < array.size(); ++i) {
+    ASN1Node element = array[i];
+    ASN1Node inner;
+    if (element.isArray()) {
+      inner = element;
+    } else if (element.isTag() && element.isConstructed()) {
+      inner = element.tagValue();
+    } else {
+      continue;
+    }
+    ASN1Node found = findContentInfo(inner);
+    if (found.valid()) return found;
+  }
+  return {};
+}
+
+// The attribute type as Foundation's integer value of the number would give it.
+std::optional<int64_t> attributeType(ASN1Node number) {
+  switch (number.type()) {
+    case ASN1Type::kInteger:
+      return number.integerValue();
+    case ASN1Type::kReal: {
+      double d = number.realValue();
+      if (!std::isfinite(d) || std::fabs(d) >= 9.2e18) return std::nullopt;
+      return static_cast<int64_t>(d);
+    }
+    case ASN1Type::kDecimal:
+      return number.decimalValue().toInt64();
+    default:
+      return std::nullopt;
+  }
+}
+
+enum class Kind { kString, kNumber, kDate };
+
+class ReceiptDecoder {
+ public:
+  // False when the receipt is rejected.
+  bool decode(std::span<const uint8_t> data, Dictionary* receipt,
+              std::vector<ZBIAPReceiptIAPPtr>* records) {
+    if (data.empty() || !ZBIAPASN1Parser::parseASN1Data(data, &container_)) return false;
+    ASN1Node info = findContentInfo(container_.root());
+    if (!info.valid() || info.size() < 2) return false;
+    ASN1Node wrapper = info[1];
+    if (!wrapper.isTag() || !wrapper.tagValue().isArray() || wrapper.tagValue().size() == 0) {
+      return false;
+    }
+    ASN1Node octets = wrapper.tagValue()[0];
+    if (!octets.isData()) return false;
+    if (!ZBIAPASN1Parser::parseASN1Data(octets.bytes(), &content_) || content_.empty() ||
+        !content_[0].isArray()) {
+      return false;
+    }
+    ASN1Node set = content_[0];
+    zbiap::Array purchases;
+    for (size_t i = 0; i < set.size(); ++i) {
+      ASN1Node attribute = set[i];
+      std::optional<int64_t> type;
+      if (!checkAttribute(attribute, &type)) return false;
+      ASN1Node value = attribute[2];
+      switch (type.value_or(-1)) {
+        case 0:
+          decodeInto(receipt, ZBIAPReceiptKeyEnvironment, value, Kind::kString);
+          break;
+        case 2:
+          if (!decodeInto(receipt, ZBIAPReceiptKeyBundleID, value, Kind::kString)) return false;
+          break;
+        case 3:
+          if (!decodeInto(receipt, ZBIAPReceiptKeyAppVersion, value, Kind::kString)) return false;
+          break;
+        case 12:
+          if (!decodeInto(receipt, ZBIAPReceiptKeyCreationDate, value, Kind::kDate)) return false;
+          break;
+        case 17: {
+          Dictionary purchase;
+          if (!decodePurchase(value, &purchase)) return false;
+          // The key takes its place in the dictionary at the first purchase.
+          if (purchases.empty()) receipt->set(ZBIAPReceiptKeyIAPs, Value(zbiap::Array()));
+          purchases.emplace_back(std::move(purchase));
+          break;
+        }
+        case 18:
+          decodeInto(receipt, ZBIAPReceiptKeyOriginalPurchaseDate, value, Kind::kDate);
+          break;
+        case 19:
+          if (!decodeInto(receipt, ZBIAPReceiptKeyOriginalAppVersion, value, Kind::kString)) {
+            return false;
+          }
+          break;
+        case 21:
+          if (!decodeInto(receipt, ZBIAPReceiptKeyExpirationDate, value, Kind::kDate)) {
+            return false;
+          }
+          break;
+        default:
+          break;
+      }
+    }
+    // Records are made only from a receipt that is accepted as a whole; purchases that give
+    // no record are dropped.
+    records->reserve(purchases.size());
+    for (const Value& purchase : purchases) {
+      if (auto record = ZBIAPReceiptIAP::fromDictionaryRepresentation(purchase, true)) {
+        records->push_back(std::move(record));
+      }
+    }
+    if (!purchases.empty()) receipt->set(ZBIAPReceiptKeyIAPs, Value(std::move(purchases)));
+    return true;
+  }
+
+ private:
+  // An attribute is a SEQUENCE of at least three values whose first two (type and version)
+  // are numbers.
+  static bool checkAttribute(ASN1Node attribute, std::optional<int64_t>* type) {
+    if (!attribute.isArray() || attribute.size() < 3 || !attribute[0].isNumber() ||
+        !attribute[1].isNumber()) {
+      return false;
+    }
+    *type = attributeType(attribute[0]);
+    return true;
+  }
+
+  bool decodePurchase(ASN1Node value, Dictionary* purchase) {
+    if (!value.isData() || !ZBIAPASN1Parser::parseASN1Data(value.bytes(), &purchaseTree_) ||
+        purchaseTree_.empty() || !purchaseTree_[0].isArray()) {
+      return false;
+    }
+    ASN1Node set = purchaseTree_[0];
+    purchase->reserve(set.size() < 9 ? set.size() : 9);
+    for (size_t i = 0; i < set.size(); ++i) {
+      ASN1Node attribute = set[i];
+      std::optional<int64_t> type;
+      if (!checkAttribute(attribute, &type)) return false;
+      ASN1Node field = attribute[2];
+      bool ok = true;
+      switch (type.value_or(-1)) {
+        case 1701:
+          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPQuantity, field, Kind::kNumber);
+          break;
+        case 1702:
+          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPProductID, field, Kind::kString);
+          break;
+        case 1703:
+          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPTransactionID, field, Kind::kString);
+          break;
+        case 1704:
+          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPPurchaseDate, field, Kind::kDate);
+          break;
+        case 1705:
+          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPOriginalTransactionID, field, Kind::kString);
+          break;
+        case 1706:
+          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPOriginalPurchaseDate, field, Kind::kDate);
+          break;
+        case 1708:
+          decodeInto(purchase, ZBIAPReceiptKeyIAPSubscriptionExpirationDate, field, Kind::kDate);
+          break;
+        case 1711:
+          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPWebOrderLineItemID, field, Kind::kNumber);
+          break;
+        case 1712:
+          decodeInto(purchase, ZBIAPReceiptKeyIAPCancellationDate, field, Kind::kDate);
+          break;
+        default:
+          break;
+      }
+      if (!ok) return false;
+    }
+    return true;
+  }
+
+  // Decodes an attribute value (the DER of one element inside the OCTET STRING) and sets it
+  // under `key`; false, leaving `into` as it was, when it gives no value of the kind.
+  bool decodeInto(Dictionary* into, const char* key, ASN1Node octets, Kind kind) {
+    if (!octets.isData() || !ZBIAPASN1Parser::parseASN1Data(octets.bytes(), &valueTree_) ||
+        valueTree_.empty()) {
+      return false;
+    }
+    ASN1Node element = valueTree_[0];
+    switch (kind) {
+      case Kind::kString:
+        if (!element.isString()) return false;
+        into->set(key, Value(element.stringValue()));
+        return true;
+      case Kind::kNumber:
+        if (!element.isNumber()) return false;
+        into->set(key, element.toValue());
+        return true;
+      case Kind::kDate: {
+        if (!element.isString() || element.stringValue().empty()) return false;
+        auto date = ZBIAPDateTools::dateTools().dateFromRFC3339String(element.stringValue());
+        if (!date) return false;
+        into->set(key, Value(*date));
+        return true;
+      }
+    }
+    return false;
+  }
+
+  ASN1Tree container_;
+  ASN1Tree content_;
+  ASN1Tree purchaseTree_;
+  ASN1Tree valueTree_;
+};
+
+template <typename T>
+std::optional<T> typed(const Dictionary& d, const char* key);
+
+template <>
+std::optional<std::string> typed(const Dictionary& d, const char* key) {
+  const Value* v = d.find(key);
+  if (v == nullptr || !v->isString()) return std::nullopt;
+  return *v->asString();
+}
+
+template <>
+std::optional<zbiap::Date> typed(const Dictionary& d, const char* key) {
+  const Value* v = d.find(key);
+  if (v == nullptr || !v->isDate()) return std::nullopt;
+  return *v->asDate();
+}
+
+}  // namespace
+
+ZBIAPReceiptParser::Results ZBIAPReceiptParser::decode(std::span<const uint8_t> data,
+                                                       ZBIAPErrorPtr* error) {
+  ReceiptDecoder decoder;
+  Results r;
+  if (!decoder.decode(data, &r.dictionary, &r.purchases)) {
+    *error = ZBIAPError::make(ZBIAPReceiptParserErrorDomain, ZBIAPReceiptParserErrorMalformed);
+    return Results();
+  }
+  r.loaded = true;
+  r.originalPurchaseDate = typed<zbiap::Date>(r.dictionary, ZBIAPReceiptKeyOriginalPurchaseDate);
+  r.originalPurchaseVersion = typed<std::string>(r.dictionary, ZBIAPReceiptKeyOriginalAppVersion);
+  r.bundleIdentifier = typed<std::string>(r.dictionary, ZBIAPReceiptKeyBundleID);
+  r.appVersion = typed<std::string>(r.dictionary, ZBIAPReceiptKeyAppVersion);
+  r.creationDate = typed<zbiap::Date>(r.dictionary, ZBIAPReceiptKeyCreationDate);
+  r.expirationDate = typed<zbiap::Date>(r.dictionary, ZBIAPReceiptKeyExpirationDate);
+  r.environment = typed<std::string>(r.dictionary, ZBIAPReceiptKeyEnvironment);
+  *error = nullptr;
+  return r;
+}
