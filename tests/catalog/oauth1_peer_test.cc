@@ -1,0 +1,163 @@
+// Our signatures judged by an independent OAuth 1.0 implementation: testing/oauth_peer.py
+// checks every request it receives with python3-oauthlib.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <future>
+#include <string>
+
+#include "catalog/oauth1_signer.h"
+#include "testing/testdata.h"
+#include "zbiap/foundation/json.h"
+#include "zbiap/platform/http_client.h"
+#include "zbiap/platform/platform.h"
+
+extern char** environ;
+
+namespace zbiap {
+namespace {
+
+constexpr char kPython[] = "/usr/bin/python3";
+constexpr char kConsumerKey[] = "zbiap-test-consumer";
+constexpr char kConsumerSecret[] = "s3cr*t&=%/ key";
+
+// Runs the peer and reads the port it announces.
+class OAuthPeer {
+ public:
+  OAuthPeer() {
+    int fds[2];
+    if (pipe(fds) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, fds[0]);
+    std::string script = (testing::sourceDir() / "testing" / "oauth_peer.py").string();
+    const char* argv[] = {kPython, script.c_str(), kConsumerKey, kConsumerSecret, "_", "", nullptr};
+    if (posix_spawn(&pid_, kPython, &actions, nullptr, const_cast<char**>(argv), environ) != 0) {
+      pid_ = -1;
+    }
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    FILE* out = fdopen(fds[0], "r");
+    char line[64] = {};
+    if (out && fgets(line, sizeof(line), out)) sscanf(line, "PORT %d", &port_);
+    if (out) fclose(out);
+  }
+  ~OAuthPeer() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+  OAuthPeer(const OAuthPeer&) = delete;
+  OAuthPeer& operator=(const OAuthPeer&) = delete;
+
+  bool running() const { return pid_ > 0 && port_ > 0; }
+  std::string url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int port_ = 0;
+};
+
+struct Verdict {
+  int status = 0;
+  Value report;
+};
+
+class OAuth1PeerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (access(kPython, X_OK) != 0) GTEST_SKIP() << "no " << kPython;
+    peer_ = std::make_unique<OAuthPeer>();
+    if (!peer_->running()) GTEST_SKIP() << "the OAuth peer did not start (python3-oauthlib?)";
+  }
+
+  Verdict send(HttpRequest request) {
+    std::promise<Verdict> promise;
+    client_->send(std::move(request), [&](auto response, auto error) {
+      Verdict verdict;
+      if (response) {
+        verdict.status = response->statusCode;
+        verdict.report = parseJSON(response->bodyText()).value_or(Value());
+      }
+      promise.set_value(verdict);
+    });
+    auto future = promise.get_future();
+    if (future.wait_for(std::chrono::seconds(30)) != std::future_status::ready) return {};
+    return future.get();
+  }
+
+  HttpRequest catalogueRequest() {
+    HttpRequest request;
+    request.method = "POST";
+    request.url = peer_->url("/api/v1/in_app_purchases/products_description");
+    request.setHeader("Accept-Encoding", "gzip, deflate");
+    request.setHeader("Accept", "application/vnd.zbiap.v1+json");
+    request.setHeader("Content-Type", "application/json");
+    request.setHeader("Accept-Language", "en-US;q=1");
+    request.setBody(R"({"client_device":"Linux PC","store_country":"DE"})");
+    return request;
+  }
+
+  std::unique_ptr<OAuthPeer> peer_;
+  std::shared_ptr<HttpClient> client_ = HttpClient::createCurl();
+  std::shared_ptr<OAuth1Signer> signer_ = OAuth1Signer::create(kConsumerKey, kConsumerSecret, "_");
+};
+
+TEST_F(OAuth1PeerTest, AcceptsSignedCatalogueRequests) {
+  HttpRequest request = catalogueRequest();
+  ASSERT_TRUE(signer_->authorizeRequest(request));
+  Verdict verdict = send(request);
+  EXPECT_EQ(verdict.status, 200) << verdict.report.description();
+  EXPECT_EQ(verdict.report["valid"], Value(true));
+  EXPECT_EQ(verdict.report["body"], Value(R"({"client_device":"Linux PC","store_country":"DE"})"));
+}
+
+TEST_F(OAuth1PeerTest, AcceptsQueriesAndFormBodiesWithAwkwardCharacters) {
+  HttpRequest get;
+  get.url = peer_->url("/v1/users/products?q=a+b%2Bc&empty=&name=%E2%82%AC%20x&dup=2&dup=1&flag");
+  ASSERT_TRUE(signer_->authorizeRequest(get));
+  Verdict verdict = send(get);
+  EXPECT_EQ(verdict.status, 200) << verdict.report.description();
+
+  HttpRequest form;
+  form.method = "POST";
+  form.url = peer_->url("/form?z=1");
+  form.setHeader("Content-Type", "application/x-www-form-urlencoded");
+  form.setBody("status=Hello%20Ladies%20%2B%20Gentlemen&a=%C3%A6%C3%A5%C3%B8&b=~-._*");
+  ASSERT_TRUE(signer_->authorizeRequest(form));
+  verdict = send(form);
+  EXPECT_EQ(verdict.status, 200) << verdict.report.description();
+}
+
+TEST_F(OAuth1PeerTest, RejectsWhatIsNotSignedRightly) {
+  // The peer does judge: a wrong secret, a changed form body and a replayed nonce all fail.
+  auto wrongSecret = OAuth1Signer::create(kConsumerKey, "other secret", "_");
+  HttpRequest request = catalogueRequest();
+  ASSERT_TRUE(wrongSecret->authorizeRequest(request));
+  EXPECT_EQ(send(request).status, 401);
+
+  HttpRequest form;
+  form.method = "POST";
+  form.url = peer_->url("/form");
+  form.setHeader("Content-Type", "application/x-www-form-urlencoded");
+  form.setBody("amount=1");
+  std::string now = std::to_string(Platform::current().now().microsSince1970() / 1000000);
+  HttpRequest tampered = form;
+  ASSERT_TRUE(signer_->authorizeRequest(form, "nonce-for-the-original", now));
+  ASSERT_TRUE(signer_->authorizeRequest(tampered, "nonce-for-the-tampered", now));
+  tampered.setBody("amount=9");
+  EXPECT_EQ(send(tampered).status, 401);
+  EXPECT_EQ(send(form).status, 200);
+  EXPECT_EQ(send(form).status, 401);  // same nonce and time stamp again
+}
+
+}  // namespace
+}  // namespace zbiap
