@@ -1,6 +1,7 @@
 // parseJSON: simdjson's validating DOM parser, its tree walked once into Value.
 #include <simdjson.h>
 
+#include <algorithm>
 #include <string>
 
 #include "zbiap/foundation/json.h"
@@ -55,17 +56,85 @@ Value convert(simdjson::dom::element e) {
   return Value::null();
 }
 
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Whether an integer of these digits (no leading zero) lies outside what simdjson reads as an
+// integer: [-2^63, 2^64 - 1].
+bool beyond64Bits(bool negative, std::string_view digits) {
+  const std::string_view limit = negative ? "9223372036854775808" : "18446744073709551615";
+  if (digits.size() != limit.size()) return digits.size() > limit.size();
+  return digits > limit;
+}
+
+// simdjson refuses integers beyond 64 bits, which JSON allows; they are to become reals. This
+// gives them a ".0" so that they read as reals, leaving everything else, strings included,
+// byte for byte alone. Only an integer token that stands complete (not followed by a fraction,
+// an exponent or more number characters) is touched, so the rewrite accepts nothing the
+// original text would not. Returns false when there was nothing to rewrite.
+bool widenLongIntegers(std::string_view text, std::string* out) {
+  bool changed = false;
+  out->clear();
+  out->reserve(text.size() + 16);
+  size_t i = 0;
+  const size_t n = text.size();
+  while (i < n) {
+    const char c = text[i];
+    if (c == '"') {
+      // Copy the string through its closing quote, skipping escaped characters.
+      size_t j = i + 1;
+      while (j < n && text[j] != '"') j += text[j] == '\\' ? 2 : 1;
+      j = std::min(j + 1, n);
+      out->append(text.substr(i, j - i));
+      i = j;
+      continue;
+    }
+    const bool startsNumber = c == '-' || isDigit(c);
+    const bool afterNumberChar =
+        i > 0 && (isDigit(text[i - 1]) || text[i - 1] == '.' || text[i - 1] == 'e' ||
+                  text[i - 1] == 'E' || text[i - 1] == '+' || text[i - 1] == '-');
+    if (!startsNumber || afterNumberChar) {
+      out->push_back(c);
+      ++i;
+      continue;
+    }
+    size_t j = i + (c == '-' ? 1 : 0);
+    const size_t digitsStart = j;
+    while (j < n && isDigit(text[j])) ++j;
+    const size_t digits = j - digitsStart;
+    const bool complete = j >= n || !(text[j] == '.' || text[j] == 'e' || text[j] == 'E' ||
+                                      text[j] == '+' || text[j] == '-');
+    out->append(text.substr(i, j - i));
+    if (complete && text[digitsStart] != '0' &&
+        beyond64Bits(c == '-', text.substr(digitsStart, digits))) {
+      *out += ".0";
+      changed = true;
+    }
+    i = j;
+  }
+  return changed;
+}
+
+std::optional<Value> parseOnce(std::string_view text, simdjson::error_code* code) {
+  simdjson::dom::element root;
+  *code = threadParser().parse(text.data(), text.size(), true).get(root);
+  if (*code != simdjson::SUCCESS) return std::nullopt;
+  return convert(root);
+}
+
 }  // namespace
 
 std::optional<Value> parseJSON(std::string_view text, std::string* error) {
-  simdjson::dom::parser& parser = threadParser();
-  simdjson::dom::element root;
-  const auto code = parser.parse(text.data(), text.size(), true).get(root);
-  if (code != simdjson::SUCCESS) {
-    if (error) *error = simdjson::error_message(code);
-    return std::nullopt;
+  simdjson::error_code code;
+  std::optional<Value> value = parseOnce(text, &code);
+  if (!value && code == simdjson::NUMBER_ERROR) {
+    std::string widened;
+    if (widenLongIntegers(text, &widened)) value = parseOnce(widened, &code);
   }
-  return convert(root);
+  if (!value && error) {
+    *error = code == simdjson::NUMBER_ERROR ? "a number is malformed or out of range"
+                                            : simdjson::error_message(code);
+  }
+  return value;
 }
 
 }  // namespace zbiap

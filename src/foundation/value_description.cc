@@ -9,9 +9,10 @@ namespace zbiap {
 
 namespace {
 
+// Inside collections Foundation quotes every element text that is not made of ASCII letters,
+// digits and underscores only: "com.example.app", "2.5", "-1" and "<null>" come out quoted.
 bool isPlainChar(unsigned char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' ||
-         c == '.' || c == '/' || c == '$' || c == ':' || c == '-';
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
 }
 
 // Decodes one UTF-8 sequence at s[i] into a code point, advancing i; malformed bytes come out
@@ -98,13 +99,21 @@ void describe(const Value& v, int level, bool nested, std::string* out) {
       *out += "(null)";
       return;
     case Value::Type::kNull:
-      *out += "<null>";
+      if (nested) {
+        appendQuoted("<null>", out);
+      } else {
+        *out += "<null>";
+      }
       return;
     case Value::Type::kBoolean:
     case Value::Type::kInteger:
     case Value::Type::kReal:
     case Value::Type::kDecimal:
-      *out += *v.numberStringValue();
+      if (nested) {
+        appendQuoted(*v.numberStringValue(), out);
+      } else {
+        *out += *v.numberStringValue();
+      }
       return;
     case Value::Type::kString:
       if (nested) {
