@@ -6,6 +6,7 @@
 #include <unicode/parsepos.h>
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
+#include <unicode/uchar.h>
 #include <unicode/unistr.h>
 
 #include <cmath>
@@ -27,6 +28,21 @@ constexpr char kPOSIXLocale[] = "en_US_POSIX";
 
 // No time stamp is anywhere near this long; longer texts are refused before ICU sees them.
 constexpr size_t kMaxRFC3339Length = 256;
+// ICU's parser divides by a power of ten that overflows to zero when a fraction has 35 digits
+// or more (a crash, not an error), so runs of digits longer than any field of a stamp are
+// refused before ICU sees them. Its number parser takes every script's digits, so all count.
+constexpr int kMaxDigitRun = 16;
+
+bool hasLongDigitRun(const icu::UnicodeString& text) {
+  int run = 0;
+  for (int32_t i = 0; i < text.length();) {
+    const UChar32 c = text.char32At(i);
+    run = u_isdigit(c) ? run + 1 : 0;
+    if (run > kMaxDigitRun) return true;
+    i += U16_LENGTH(c);
+  }
+  return false;
+}
 
 std::unique_ptr<icu::SimpleDateFormat> makeFormatter(const char* pattern) {
   UErrorCode status = U_ZERO_ERROR;
@@ -42,8 +58,11 @@ UDate toUDate(const zbiap::Date& date) {
 }
 
 // ICU's dates are milliseconds in a double; whole milliseconds and the fraction are converted
-// apart so that large dates keep every digit.
-zbiap::Date fromUDate(UDate udate) {
+// apart so that large dates keep every digit. Dates beyond what a Date holds (about 292,000
+// years either side of 1970) give nullopt.
+std::optional<zbiap::Date> fromUDate(UDate udate) {
+  constexpr double kLimitMillis = 9.0e15;
+  if (!std::isfinite(udate) || std::fabs(udate) > kLimitMillis) return std::nullopt;
   const double whole = std::floor(udate);
   const int64_t micros =
       static_cast<int64_t>(whole) * 1000 + std::llround((udate - whole) * 1000.0);
@@ -136,6 +155,7 @@ std::optional<zbiap::Date> ZBIAPDateTools::dateFromRFC3339StringWithICU(std::str
   if (text.empty() || text.size() > kMaxRFC3339Length) return std::nullopt;
   const icu::UnicodeString utext = icu::UnicodeString::fromUTF8(
       icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+  if (hasLongDigitRun(utext)) return std::nullopt;
   if (auto date = Impl::parseWhole(impl_->rfc3339.get(), utext)) return date;
   return Impl::parseWhole(impl_->rfc3339WithFractions.get(), utext);
 }
@@ -214,7 +234,7 @@ std::optional<zbiap::Date> ZBIAPDateTools::dateFromComponents(
   }
   UErrorCode status = U_ZERO_ERROR;
   const UDate udate = calendar.getTime(status);
-  if (U_FAILURE(status) || !std::isfinite(udate)) return std::nullopt;
+  if (U_FAILURE(status)) return std::nullopt;
   return fromUDate(udate);
 }
 
