@@ -1,4 +1,6 @@
 // toJSON: a compact writer.
+#include <simdjson.h>
+
 #include <charconv>
 #include <cmath>
 
@@ -9,7 +11,36 @@ namespace zbiap {
 
 namespace {
 
+// Replaces each malformed UTF-8 sequence with U+FFFD so that the output is always valid JSON.
+std::string repairUTF8(std::string_view s) {
+  std::string out;
+  out.reserve(s.size() + 8);
+  size_t i = 0;
+  while (i < s.size()) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    size_t len = c < 0x80           ? 1
+                 : (c >> 5) == 0x6  ? 2
+                 : (c >> 4) == 0xe  ? 3
+                 : (c >> 3) == 0x1e ? 4
+                                    : 0;
+    if (len > 1 && (i + len > s.size() || !simdjson::validate_utf8(s.data() + i, len))) len = 0;
+    if (len == 0) {
+      out += "\xef\xbf\xbd";
+      ++i;
+      continue;
+    }
+    out.append(s.substr(i, len));
+    i += len;
+  }
+  return out;
+}
+
 void appendString(std::string_view s, std::string* out) {
+  if (!simdjson::validate_utf8(s.data(), s.size())) {
+    const std::string repaired = repairUTF8(s);
+    appendString(repaired, out);
+    return;
+  }
   static constexpr char kHex[] = "0123456789abcdef";
   out->push_back('"');
   size_t plainStart = 0;
