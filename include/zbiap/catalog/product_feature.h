@@ -45,6 +45,12 @@ class ZBIAPProductFeatureV1 final : public ZBIAPProductFeature {
   // lacks a readable "identifier" (a message in the system log).
   static std::shared_ptr<ZBIAPProductFeatureV1> create(const zbiap::Value& dictionary);
 
+  // Only the reader can make a Key: use create().
+  class Key {
+    friend class zbiap::RecordReader;
+    Key() = default;
+  };
+  explicit ZBIAPProductFeatureV1(Key) {}
   ZBIAPProductFeatureV1(const ZBIAPProductFeatureV1&) = delete;
   ZBIAPProductFeatureV1& operator=(const ZBIAPProductFeatureV1&) = delete;
 
@@ -69,7 +75,6 @@ class ZBIAPProductFeatureV1 final : public ZBIAPProductFeature {
 
  private:
   friend class zbiap::RecordReader;
-  ZBIAPProductFeatureV1() = default;
 
   zbiap::Value identifier_;   // A string once built.
   mutable std::mutex mutex_;  // Guards metadata_.

@@ -104,6 +104,12 @@ class ZBIAPProductInfoV1 final : public ZBIAPProductInfo {
   static std::shared_ptr<ZBIAPProductInfoV1> create(const zbiap::Value& dictionary,
                                                     zbiap::CatalogLanguage& language);
 
+  // Only the reader can make a Key: use create().
+  class Key {
+    friend class zbiap::RecordReader;
+    Key() = default;
+  };
+  explicit ZBIAPProductInfoV1(Key);
   ~ZBIAPProductInfoV1() override;
   ZBIAPProductInfoV1(const ZBIAPProductInfoV1&) = delete;
   ZBIAPProductInfoV1& operator=(const ZBIAPProductInfoV1&) = delete;
@@ -198,7 +204,6 @@ class ZBIAPProductInfoV1 final : public ZBIAPProductInfo {
   friend class zbiap::RecordReader;
   struct Observers;
 
-  ZBIAPProductInfoV1();
   Observers& observers();
 
   bool inactive_ = false;

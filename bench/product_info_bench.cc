@@ -1,0 +1,66 @@
+// Reading a catalogue's product records: JSON text to DPIs (parse included), and the records
+// alone from an already parsed document.
+#include <benchmark/benchmark.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bench/catalog_fixture.h"
+#include "zbiap/catalog/key_table.h"
+#include "zbiap/catalog/product_feature.h"
+#include "zbiap/catalog/product_info.h"
+#include "zbiap/foundation/json.h"
+
+namespace zbiap {
+namespace {
+
+// The DPIs of a parsed envelope, one language choice for all, as the fetcher reads them.
+size_t buildRecords(const Value& document) {
+  CatalogLanguage language("en");
+  size_t built = 0;
+  if (const Array* products = document["products"].asArray()) {
+    std::vector<std::shared_ptr<ZBIAPProductInfoV1>> infos;
+    infos.reserve(products->size());
+    for (const Value& product : *products) {
+      if (auto info = ZBIAPProductInfoV1::create(product, language)) infos.push_back(info);
+    }
+    built += infos.size();
+  }
+  ProductFeatureSet features;
+  if (const Array* metadata = document["features_metadata"].asArray()) {
+    for (const Value& feature : *metadata) {
+      if (auto record = ZBIAPProductFeatureV1::create(feature)) features.insert(record);
+    }
+  }
+  return built + features.size();
+}
+
+void BM_ProductInfosFromJSON(benchmark::State& state) {
+  const std::string text = bench::makeCatalogJSON(static_cast<int>(state.range(0)));
+  for (auto _ : state) {
+    std::optional<Value> document = parseJSON(text);
+    benchmark::DoNotOptimize(buildRecords(*document));
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+  state.counters["bytes"] = static_cast<double>(text.size());
+}
+BENCHMARK(BM_ProductInfosFromJSON)->Arg(10)->Arg(1100)->Unit(benchmark::kMillisecond);
+
+void BM_ProductInfosFromValue(benchmark::State& state) {
+  const std::optional<Value> document =
+      parseJSON(bench::makeCatalogJSON(static_cast<int>(state.range(0))));
+  for (auto _ : state) benchmark::DoNotOptimize(buildRecords(*document));
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_ProductInfosFromValue)->Arg(1100)->Unit(benchmark::kMillisecond);
+
+void BM_CatalogJSONParseOnly(benchmark::State& state) {
+  const std::string text = bench::makeCatalogJSON(static_cast<int>(state.range(0)));
+  for (auto _ : state) benchmark::DoNotOptimize(parseJSON(text));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(BM_CatalogJSONParseOnly)->Arg(1100)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace zbiap
