@@ -1,0 +1,56 @@
+#include "zbiap/platform/platform.h"
+
+#include <atomic>
+#include <mutex>
+#include <utility>
+
+#include "zbiap/platform/linux_platform.h"
+
+namespace zbiap {
+
+namespace {
+
+std::mutex& installMutex() {
+  static std::mutex* mu = new std::mutex();
+  return *mu;
+}
+
+// Both guarded by installMutex(); never destroyed, so library objects that outlive main() still
+// find a platform.
+std::shared_ptr<Platform>* installed = nullptr;
+std::shared_ptr<Platform>* defaultPlatform = nullptr;
+std::atomic<Platform*> currentPlatform{nullptr};
+
+std::shared_ptr<Platform>& defaultLocked() {
+  if (defaultPlatform == nullptr) {
+    defaultPlatform = new std::shared_ptr<Platform>(std::make_shared<LinuxPlatform>());
+  }
+  return *defaultPlatform;
+}
+
+}  // namespace
+
+Platform& Platform::current() {
+  Platform* platform = currentPlatform.load(std::memory_order_acquire);
+  if (platform != nullptr) return *platform;
+  std::lock_guard<std::mutex> lock(installMutex());
+  platform = currentPlatform.load(std::memory_order_acquire);
+  if (platform == nullptr) {
+    platform = defaultLocked().get();
+    currentPlatform.store(platform, std::memory_order_release);
+  }
+  return *platform;
+}
+
+std::shared_ptr<Platform> Platform::install(std::shared_ptr<Platform> platform) {
+  std::lock_guard<std::mutex> lock(installMutex());
+  if (installed == nullptr) installed = new std::shared_ptr<Platform>();
+  std::shared_ptr<Platform> previous = std::move(*installed);
+  *installed = std::move(platform);
+  Platform* now = installed->get();
+  if (now == nullptr && currentPlatform.load() != nullptr) now = defaultLocked().get();
+  currentPlatform.store(now, std::memory_order_release);
+  return previous;
+}
+
+}  // namespace zbiap

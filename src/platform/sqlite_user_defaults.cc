@@ -1,0 +1,242 @@
+#include "zbiap/platform/sqlite_user_defaults.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace zbiap {
+
+namespace {
+
+constexpr char kSelect[] = "SELECT value FROM zbiap_defaults WHERE key = ?1";
+constexpr char kUpsert[] = "INSERT OR REPLACE INTO zbiap_defaults(key, value) VALUES(?1, ?2)";
+constexpr char kDelete[] = "DELETE FROM zbiap_defaults WHERE key = ?1";
+constexpr char kSchema[] =
+    "CREATE TABLE IF NOT EXISTS zbiap_defaults(key TEXT PRIMARY KEY NOT NULL, value BLOB)";
+
+// Owns a prepared statement.
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) {
+    rc_ = sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr);
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  bool ok() const { return rc_ == SQLITE_OK && stmt_ != nullptr; }
+  int prepareResult() const { return rc_; }
+  sqlite3_stmt* get() const { return stmt_; }
+
+  void bindText(int index, std::string_view text) {
+    sqlite3_bind_text64(stmt_, index, text.empty() ? "" : text.data(), text.size(), SQLITE_STATIC,
+                        SQLITE_UTF8);
+  }
+
+ private:
+  sqlite3_stmt* stmt_ = nullptr;
+  int rc_ = SQLITE_OK;
+};
+
+std::string errorText(sqlite3* db, int rc) {
+  std::string text = sqlite3_errstr(rc);
+  if (db != nullptr) {
+    const char* message = sqlite3_errmsg(db);
+    if (message != nullptr && text != message) text += std::string(" (") + message + ")";
+  }
+  return text;
+}
+
+bool isMissingTable(sqlite3* db) {
+  const char* message = sqlite3_errmsg(db);
+  return message != nullptr && std::string_view(message).starts_with("no such table");
+}
+
+}  // namespace
+
+struct SQLiteUserDefaults::Read {
+  Kind kind;
+  std::string bytes;
+};
+
+SQLiteUserDefaults::SQLiteUserDefaults(std::filesystem::path path, LogSink log)
+    : SQLiteUserDefaults(std::move(path), std::move(log), Options()) {}
+
+SQLiteUserDefaults::SQLiteUserDefaults(std::filesystem::path path, LogSink log, Options options)
+    : path_(std::move(path)), log_(std::move(log)), options_(options) {}
+
+SQLiteUserDefaults::~SQLiteUserDefaults() {
+  std::lock_guard<std::mutex> lock(mu_);
+  closeLocked();
+}
+
+void SQLiteUserDefaults::closeLocked() {
+  if (db_ != nullptr) sqlite3_close_v2(db_);
+  db_ = nullptr;
+  schemaReady_ = false;
+}
+
+bool SQLiteUserDefaults::ensureOpen(std::string* error) {
+  if (db_ != nullptr) return true;
+  std::error_code ec;
+  if (path_.has_parent_path()) std::filesystem::create_directories(path_.parent_path(), ec);
+  sqlite3* db = nullptr;
+  int rc =
+      sqlite3_open_v2(path_.c_str(), &db,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  if (rc != SQLITE_OK) {
+    *error = errorText(db, rc);
+    sqlite3_close_v2(db);
+    return false;
+  }
+  sqlite3_busy_timeout(db, static_cast<int>(options_.busyTimeout.count()));
+  // A rollback journal synced at every commit: a committed write survives a crash and a torn
+  // one rolls back. These pragmas touch no page, so they work on locked or damaged files too.
+  sqlite3_exec(db, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
+  db_ = db;
+  return true;
+}
+
+void SQLiteUserDefaults::logFailure(std::string_view what, std::string_view key,
+                                    std::string_view reason) {
+  if (!log_) return;
+  std::string line = "ZBIAP user defaults: cannot ";
+  line += what;
+  if (!key.empty()) {
+    line += " \"";
+    line += key;
+    line += "\"";
+  }
+  line += " in ";
+  line += path_.string();
+  line += ": ";
+  line += reason;
+  log_(line);
+}
+
+std::optional<SQLiteUserDefaults::Read> SQLiteUserDefaults::read(std::string_view key) {
+  std::lock_guard<std::mutex> lock(mu_);
+  std::string error;
+  int rc = SQLITE_OK;
+  if (ensureOpen(&error)) {
+    Statement stmt(db_, kSelect);
+    if (!stmt.ok()) {
+      rc = stmt.prepareResult();
+      if (isMissingTable(db_)) return std::nullopt;  // A new, empty store.
+    } else {
+      stmt.bindText(1, key);
+      rc = sqlite3_step(stmt.get());
+      if (rc == SQLITE_ROW || rc == SQLITE_DONE) {
+        readFailureLogged_ = false;
+        if (rc == SQLITE_DONE) return std::nullopt;
+        int type = sqlite3_column_type(stmt.get(), 0);
+        if (type != SQLITE_TEXT && type != SQLITE_BLOB) return std::nullopt;
+        const void* bytes = type == SQLITE_TEXT
+                                ? static_cast<const void*>(sqlite3_column_text(stmt.get(), 0))
+                                : sqlite3_column_blob(stmt.get(), 0);
+        int size = sqlite3_column_bytes(stmt.get(), 0);
+        Read result{type == SQLITE_TEXT ? Kind::kString : Kind::kData, {}};
+        if (bytes != nullptr && size > 0) {
+          result.bytes.assign(static_cast<const char*>(bytes), static_cast<size_t>(size));
+        }
+        return result;
+      }
+    }
+    error = errorText(db_, rc);
+    closeLocked();  // Start afresh next time: the file may have been repaired or replaced.
+  }
+  if (!readFailureLogged_) {
+    readFailureLogged_ = true;
+    logFailure("read", "", error);
+  }
+  return std::nullopt;
+}
+
+bool SQLiteUserDefaults::write(std::string_view key, const void* bytes, size_t size, Kind kind,
+                               bool remove) {
+  std::lock_guard<std::mutex> lock(mu_);
+  const char* what = remove ? "remove" : "write";
+  std::string error;
+  if (!ensureOpen(&error)) {
+    logFailure(what, key, error);
+    return false;
+  }
+  if (!schemaReady_) {
+    int rc = sqlite3_exec(db_, kSchema, nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+      logFailure(what, key, errorText(db_, rc));
+      closeLocked();
+      return false;
+    }
+    schemaReady_ = true;
+  }
+  Statement stmt(db_, remove ? kDelete : kUpsert);
+  int rc = stmt.prepareResult();
+  if (stmt.ok()) {
+    stmt.bindText(1, key);
+    if (!remove) {
+      if (kind == Kind::kString) {
+        stmt.bindText(2, std::string_view(static_cast<const char*>(bytes), size));
+      } else if (size == 0) {
+        sqlite3_bind_zeroblob(stmt.get(), 2, 0);  // A null pointer would bind SQL NULL.
+      } else {
+        sqlite3_bind_blob64(stmt.get(), 2, bytes, size, SQLITE_STATIC);
+      }
+    }
+    rc = sqlite3_step(stmt.get());
+    if (rc == SQLITE_DONE) return true;
+  }
+  logFailure(what, key, errorText(db_, rc));
+  closeLocked();
+  return false;
+}
+
+std::optional<std::string> SQLiteUserDefaults::stringForKey(std::string_view key) {
+  std::optional<Read> found = read(key);
+  if (!found || found->kind != Kind::kString) return std::nullopt;
+  return std::move(found->bytes);
+}
+
+std::optional<Data> SQLiteUserDefaults::dataForKey(std::string_view key) {
+  std::optional<Read> found = read(key);
+  if (!found || found->kind != Kind::kData) return std::nullopt;
+  return Data(found->bytes.begin(), found->bytes.end());
+}
+
+bool SQLiteUserDefaults::setString(std::string_view key, std::string_view value) {
+  return write(key, value.data(), value.size(), Kind::kString, false);
+}
+
+bool SQLiteUserDefaults::setData(std::string_view key, const Data& value) {
+  return write(key, value.data(), value.size(), Kind::kData, false);
+}
+
+bool SQLiteUserDefaults::removeObjectForKey(std::string_view key) {
+  return write(key, nullptr, 0, Kind::kString, true);
+}
+
+std::filesystem::path defaultUserDefaultsPath(std::string_view app) {
+  std::string name;
+  for (char c : app) {
+    bool safe = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                c == '.' || c == '-' || c == '_';
+    name += safe ? c : '_';
+  }
+  if (name.empty() || name == "." || name == "..") name = "default";
+  std::filesystem::path base;
+  const char* xdg = std::getenv("XDG_DATA_HOME");
+  const char* home = std::getenv("HOME");
+  if (xdg != nullptr && xdg[0] == '/') {
+    base = xdg;
+  } else if (home != nullptr && home[0] != '\0') {
+    base = std::filesystem::path(home) / ".local" / "share";
+  } else {
+    base = std::filesystem::temp_directory_path();
+  }
+  return base / "zbiap" / name / "defaults.sqlite3";
+}
+
+}  // namespace zbiap
