@@ -1,0 +1,43 @@
+// zbiap asn1 FILE|-: parses ASN.1 encodings with the library's parser and prints the tree of
+// values it gives. Input that does not parse exits 1.
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+
+#include "commands.h"
+#include "zbiap/store/asn1_parser.h"
+
+namespace zbiap::cli {
+namespace {
+
+int runASN1(const Args& args) {
+  if (args.size() != 1 || (args[0] != "-" && !args[0].empty() && args[0][0] == '-')) {
+    std::fprintf(stderr, "usage: zbiap asn1 FILE|-\n");
+    return 2;
+  }
+  Data data;
+  if (args[0] == "-") {
+    data.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  } else {
+    std::ifstream in(args[0], std::ios::binary);
+    if (!in) {
+      std::fprintf(stderr, "zbiap asn1: cannot read %s\n", args[0].c_str());
+      return 1;
+    }
+    data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  auto tree = ZBIAPASN1Parser::parseASN1Data(std::move(data));
+  if (tree == nullptr) {
+    std::fprintf(stderr, "zbiap asn1: the input is not ASN.1 the parser accepts\n");
+    return 1;
+  }
+  std::printf("%s\n", tree->root().description().c_str());
+  return 0;
+}
+
+}  // namespace
+
+ZBIAP_REGISTER_COMMAND(asn1, "asn1", "print the ASN.1 tree of a file (FILE|-)", runASN1);
+
+}  // namespace zbiap::cli
