@@ -104,7 +104,7 @@ bool widenLongIntegers(std::string_view text, std::string* out) {
     const bool complete = j >= n || !(text[j] == '.' || text[j] == 'e' || text[j] == 'E' ||
                                       text[j] == '+' || text[j] == '-');
     out->append(text.substr(i, j - i));
-    if (complete && text[digitsStart] != '0' &&
+    if (complete && digits > 0 && text[digitsStart] != '0' &&
         beyond64Bits(c == '-', text.substr(digitsStart, digits))) {
       *out += ".0";
       changed = true;

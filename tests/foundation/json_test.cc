@@ -56,6 +56,8 @@ TEST(JSONReadTest, NumbersBecomeIntegersRealsOrDecimals) {
   rejected("[0123456789012345678901234]");
   rejected("[12345678901234567890123.]");
   rejected("[-]");
+  rejected("2n[-");
+  rejected("[1,-");
 }
 
 TEST(JSONReadTest, StructureAndStrings) {

@@ -43,8 +43,9 @@ class Dictionary {
   Dictionary& operator=(const Dictionary&);
   Dictionary& operator=(Dictionary&&) noexcept;
 
-  size_t size() const { return entries_.size(); }
-  bool empty() const { return entries_.empty(); }
+  // The inline members are defined after Value, which must be complete for them.
+  size_t size() const;
+  bool empty() const;
   // Null when absent.
   const Value* find(std::string_view key) const;
   bool contains(std::string_view key) const { return find(key) != nullptr; }
@@ -52,10 +53,10 @@ class Dictionary {
   const Value& operator[](std::string_view key) const;
   void set(std::string key, Value value);
   bool remove(std::string_view key);
-  void reserve(size_t n) { entries_.reserve(n); }
+  void reserve(size_t n);
 
-  std::vector<Entry>::const_iterator begin() const { return entries_.begin(); }
-  std::vector<Entry>::const_iterator end() const { return entries_.end(); }
+  std::vector<Entry>::const_iterator begin() const;
+  std::vector<Entry>::const_iterator end() const;
   const std::vector<Entry>& entries() const { return entries_; }
 
   // Same keys with equal values, order ignored.
@@ -72,8 +73,19 @@ using Array = std::vector<Value>;
 
 class Value {
  public:
-  enum class Type { kNil, kNull, kBoolean, kInteger, kReal, kDecimal, kString, kDate, kData,
-                    kArray, kDictionary };
+  enum class Type {
+    kNil,
+    kNull,
+    kBoolean,
+    kInteger,
+    kReal,
+    kDecimal,
+    kString,
+    kDate,
+    kData,
+    kArray,
+    kDictionary
+  };
   struct Null {
     friend bool operator==(Null, Null) { return true; }
   };
@@ -150,6 +162,16 @@ class Value {
                    std::shared_ptr<const Array>, std::shared_ptr<const Dictionary>>;
   Storage v_;
 };
+
+inline size_t Dictionary::size() const { return entries_.size(); }
+inline bool Dictionary::empty() const { return entries_.empty(); }
+inline void Dictionary::reserve(size_t n) { entries_.reserve(n); }
+inline std::vector<Dictionary::Entry>::const_iterator Dictionary::begin() const {
+  return entries_.begin();
+}
+inline std::vector<Dictionary::Entry>::const_iterator Dictionary::end() const {
+  return entries_.end();
+}
 
 // The shared nil, for lookups that return references.
 const Value& nilValue();
