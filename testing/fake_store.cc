@@ -69,6 +69,11 @@ void FakeStore::addProducts(const std::vector<ZBIAPStoreProductPtr>& products) {
   products_.insert(products_.end(), products.begin(), products.end());
 }
 
+void FakeStore::clearProducts() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  products_.clear();
+}
+
 void FakeStore::scriptProducts(Answer answer, ZBIAPErrorPtr error) {
   std::lock_guard<std::mutex> lock(mutex_);
   productsAnswer_ = answer;

@@ -49,6 +49,8 @@ class FakeStore final : public ZBIAPStore, public std::enable_shared_from_this<F
   // Product queries are answered with the known products among those asked for, in the order
   // asked, and the scripted error (nullptr by default). Unscripted ones answer at once.
   void addProducts(const std::vector<ZBIAPStoreProductPtr>& products);
+  // Forgets every known product.
+  void clearProducts();
   void scriptProducts(Answer answer, ZBIAPErrorPtr error = nullptr);
   // The identifier lists asked for, one per query, each sorted.
   std::vector<std::vector<std::string>> productQueries() const;

@@ -1,0 +1,126 @@
+// Start-up of the manager from a saved catalogue: commitConfiguration until the manager is
+// ready, with a store and a fetcher that answer at once (the fetcher with the saved catalogue,
+// so the merge compares every DPI and finds no change).
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "testing/fake_fetcher.h"
+#include "testing/fake_store.h"
+#include "testing/manual_main_queue.h"
+#include "zbiap/foundation/json.h"
+#include "zbiap/manager/manager.h"
+#include "zbiap/platform/directory_bundle.h"
+#include "zbiap/platform/platform.h"
+#include "zbiap/platform/sqlite_user_defaults.h"
+
+namespace zbiap::testing {
+namespace {
+
+class BenchPlatform final : public Platform {
+ public:
+  explicit BenchPlatform(const std::filesystem::path& dir)
+      : bundle_(dir), defaults_(dir / "defaults.sqlite3", nullptr) {}
+  ManualMainQueue& queue() { return queue_; }
+
+  MainQueue& mainQueue() override { return queue_; }
+  TaskQueue& globalQueue() override { return queue_; }
+  Date now() override { return queue_.now(); }
+  std::optional<std::string> environmentValue(std::string_view) override { return std::nullopt; }
+  UserDefaults& standardUserDefaults() override { return defaults_; }
+  Bundle& mainBundle() override { return bundle_; }
+  DeviceInfo deviceInfo() override { return {"Bench", "Linux", "6.1.0", "x86_64"}; }
+  std::vector<std::string> preferredLanguages() override { return {"en-US"}; }
+  void systemLog(std::string_view) override {}
+
+ private:
+  ManualMainQueue queue_;
+  DirectoryBundle bundle_;
+  SQLiteUserDefaults defaults_;
+};
+
+// A product as the catalogue service writes one, with texts in two languages.
+Dictionary benchProduct(int i) {
+  auto texts = [&](const std::string& what) {
+    return Value(Dictionary{{"de", Value(what + " " + std::to_string(i) + " (de)")},
+                            {"en", Value(what + " " + std::to_string(i))}});
+  };
+  Array features;
+  for (int f = 0; f < 4; ++f) features.push_back(Value("feature." + std::to_string(f)));
+  return Dictionary{
+      {"identifier",
+       Value("com.example.app.sub." + std::to_string(i % 12 + 1) + "m." + std::to_string(i))},
+      {"inactive", Value(i % 10 == 0)},
+      {"title", texts("Title")},
+      {"subtitle", texts("Subtitle")},
+      {"description", texts("A longer description of the product's benefits")},
+      {"header", texts("Header")},
+      {"sort_key", Value(i)},
+      {"title_color", Value("#1a2b3c")},
+      {"background_color", Value("#fff")},
+      {"old_price", Value("9.99")},
+      {"default_visible", Value(true)},
+      {"iap_group", Value("group." + std::to_string(i % 3))},
+      {"features", Value(features)},
+      {"metadata", Value(Dictionary{{"rank", Value(i)}, {"badge", Value("new")}})},
+  };
+}
+
+void BM_ManagerCommitToReadyFromSavedCatalogue(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() /
+                                    ("zbiap-manager-bench-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(dir);
+  auto platform = std::make_shared<BenchPlatform>(dir);
+  auto previous = Platform::install(platform);
+
+  std::vector<Dictionary> products;
+  Array saved;
+  for (int i = 0; i < count; ++i) {
+    products.push_back(benchProduct(i));
+    saved.push_back(Value(products.back()));
+  }
+  const std::string productsText = toJSON(Value(saved));
+  const std::string featuresText = "[{\"identifier\":\"feature.0\"}]";
+  platform->standardUserDefaults().setData("ZBIAPProductInfos",
+                                           Data(productsText.begin(), productsText.end()));
+  platform->standardUserDefaults().setData("ZBIAPBaselineFeatureMetadata",
+                                           Data(featuresText.begin(), featuresText.end()));
+  auto response = makeResponse(products);
+
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto store = FakeStore::create();
+    store->scriptCountry(Answer::kAtOnce, "US");
+    auto fetcher = FakeFetcher::create();
+    fetcher->setDefault(FakeFetcher::succeed(response));
+    auto manager = ZBIAPManager::create(
+        ZBIAPManagerConfiguration::create(store, "com.example.country", "US", fetcher));
+    state.ResumeTiming();
+
+    manager->commitConfiguration();
+    platform->queue().runUntilIdle();
+    if (!manager->isReady()) state.SkipWithError("the manager did not become ready");
+
+    state.PauseTiming();
+    platform->queue().advanceBy(std::chrono::seconds(10));  // lets the time-out go
+    manager.reset();
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * count);
+
+  Platform::install(previous);
+  platform.reset();
+  std::filesystem::remove_all(dir);
+}
+BENCHMARK(BM_ManagerCommitToReadyFromSavedCatalogue)
+    ->Arg(10)
+    ->Arg(500)
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace zbiap::testing
