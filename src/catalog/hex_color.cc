@@ -2,66 +2,79 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <vector>
 
 namespace zbiap {
 namespace {
 
-// The UTF-16 code units of `text` (UTF-8). A byte that starts no valid sequence counts as one
-// unit of its own, so the result is defined for any bytes.
-std::vector<uint16_t> utf16Units(std::string_view text) {
-  std::vector<uint16_t> units;
-  units.reserve(text.size());
+// A colour text has at most 7 UTF-16 code units; anything longer is rejected before decoding.
+constexpr size_t kMaxUnits = 7;
+
+// Appends the UTF-16 code units of `text` (UTF-8) to `units`, up to one past kMaxUnits. A byte
+// that starts no valid sequence counts as one unit of its own, so any bytes have a length.
+// Returns the number of units; more than kMaxUnits means the text is too long.
+size_t utf16Units(std::string_view text, uint16_t (&units)[kMaxUnits + 2]) {
+  size_t count = 0;
   size_t i = 0;
-  while (i < text.size()) {
+  while (i < text.size() && count <= kMaxUnits) {
     const auto c = static_cast<unsigned char>(text[i]);
-    size_t length = c < 0x80           ? 1
-                    : (c >> 5) == 0x6  ? 2
-                    : (c >> 4) == 0xE  ? 3
-                    : (c >> 3) == 0x1E ? 4
-                                       : 0;
-    if (length == 0 || i + length > text.size()) {
-      units.push_back(0xFFFD);
+    if (c < 0x80) {
+      units[count++] = c;
       ++i;
       continue;
     }
-    uint32_t cp = length == 1 ? c : c & (0x7F >> length);
-    bool valid = true;
-    for (size_t k = 1; k < length; ++k) {
+    const size_t length = (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xE ? 3 : (c >> 3) == 0x1E ? 4 : 0;
+    uint32_t cp = c & (0x7F >> length);
+    bool valid = length != 0 && i + length <= text.size();
+    for (size_t k = 1; valid && k < length; ++k) {
       const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xC0) != 0x80) valid = false;
+      valid = (next & 0xC0) == 0x80;
       cp = (cp << 6) | (next & 0x3F);
     }
     if (!valid) {
-      units.push_back(0xFFFD);
+      units[count++] = 0xFFFD;
       ++i;
-      continue;
-    }
-    if (cp >= 0x10000) {
+    } else if (cp >= 0x10000) {
       cp -= 0x10000;
-      units.push_back(static_cast<uint16_t>(0xD800 + (cp >> 10)));
-      units.push_back(static_cast<uint16_t>(0xDC00 + (cp & 0x3FF)));
+      units[count++] = static_cast<uint16_t>(0xD800 + (cp >> 10));
+      units[count++] = static_cast<uint16_t>(0xDC00 + (cp & 0x3FF));
+      i += length;
     } else {
-      units.push_back(static_cast<uint16_t>(cp));
+      units[count++] = static_cast<uint16_t>(cp);
+      i += length;
     }
-    i += length;
   }
-  return units;
+  return count;
 }
 
-// strtoul(text, &end, 16) over the given units; `whole` tells whether the conversion stopped at
-// the end of the C text. A unit beyond ASCII cannot be part of a number, and stops it there.
+int hexDigit(uint16_t unit) {
+  if (unit >= '0' && unit <= '9') return unit - '0';
+  if (unit >= 'a' && unit <= 'f') return unit - 'a' + 10;
+  if (unit >= 'A' && unit <= 'F') return unit - 'A' + 10;
+  return -1;
+}
+
+// strtoul(text, &end, 16) over `count` units; `whole` tells whether the conversion stopped at the
+// end of the C text. Plain hex digits are read directly (the same result); anything else goes
+// through strtoul itself, so blanks, signs and "0x" behave exactly as the C library has them. A
+// unit beyond ASCII cannot be part of a number and stops the conversion there.
 unsigned long convertHex(const uint16_t* units, size_t count, bool* whole) {
+  unsigned long value = 0;
+  size_t digits = 0;
+  while (digits < count && hexDigit(units[digits]) >= 0) {
+    value = value * 16 + static_cast<unsigned long>(hexDigit(units[digits]));
+    ++digits;
+  }
+  if (digits == count) {
+    *whole = true;
+    return value;
+  }
   char buffer[3] = {0, 0, 0};
   size_t n = 0;
-  for (; n < count; ++n) {
-    if (units[n] >= 0x80) break;
-    buffer[n] = static_cast<char>(units[n]);
-  }
+  for (; n < count && units[n] < 0x80; ++n) buffer[n] = static_cast<char>(units[n]);
   // A non-ASCII unit: the text goes on with bytes no conversion consumes.
   const bool foreignTail = n < count;
   char* end = nullptr;
-  const unsigned long value = std::strtoul(buffer, &end, 16);
+  value = std::strtoul(buffer, &end, 16);
   *whole = *end == '\0' && !(foreignTail && end == buffer + n);
   return value;
 }
@@ -69,24 +82,23 @@ unsigned long convertHex(const uint16_t* units, size_t count, bool* whole) {
 }  // namespace
 
 std::optional<ZBIAPColor> colorFromHexString(std::string_view text) {
-  const std::vector<uint16_t> all = utf16Units(text);
+  uint16_t all[kMaxUnits + 2];
+  const size_t length = utf16Units(text, all);
   const bool hash = !text.empty() && text[0] == '#';
-  if (hash ? (all.size() != 4 && all.size() != 7) : (all.size() != 3 && all.size() != 6)) {
-    return std::nullopt;
-  }
-  std::vector<uint16_t> digits;
-  digits.reserve(all.size());
-  for (uint16_t unit : all) {
-    if (unit != '#') digits.push_back(unit);
+  if (hash ? (length != 4 && length != 7) : (length != 3 && length != 6)) return std::nullopt;
+  uint16_t digits[kMaxUnits];
+  size_t count = 0;
+  for (size_t i = 0; i < length; ++i) {
+    if (all[i] != '#') digits[count++] = all[i];
   }
   double rgb[3];
   bool whole = false;
-  if (digits.size() == 6) {
+  if (count == 6) {
     for (int i = 0; i < 3; ++i) {
       rgb[i] = static_cast<double>(convertHex(&digits[2 * i], 2, &whole));
       if (!whole) return std::nullopt;
     }
-  } else if (digits.size() == 3) {
+  } else if (count == 3) {
     for (int i = 0; i < 3; ++i) {
       rgb[i] = static_cast<double>(convertHex(&digits[i], 1, &whole)) * 17;
       if (i == 0 && !whole) return std::nullopt;

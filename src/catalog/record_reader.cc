@@ -117,6 +117,13 @@ constexpr Messages kFeatureMessages = {
     "Dynamic IAP Feature: Required key '{}' is missing!",
     "Dynamic IAP Feature: Parsing the required key '{}' failed!"};
 
+// Fills a slot: a plain copy, cheaper than the variant's assignment (which must
+// first find out what it replaces).
+void store(Value* slot, const Value& value) {
+  std::destroy_at(slot);
+  std::construct_at(slot, value);
+}
+
 void logKey(const char* format, std::string_view key) {
   Platform::current().systemLog(fmt::format(fmt::runtime(format), key));
 }
@@ -169,7 +176,7 @@ std::shared_ptr<ZBIAPProductFeatureV1> RecordReader::readFeature(const Value& di
                  [](const ZBIAPProductFeatureV1&) { return false; })) {
     return nullptr;
   }
-  feature->dictionaryRepresentation_ = dictionary;
+  store(&feature->dictionaryRepresentation_, dictionary);
   return feature;
 }
 
@@ -184,7 +191,7 @@ std::shared_ptr<ZBIAPProductInfoV1> RecordReader::readProductInfo(const Value& d
                  [](const ZBIAPProductInfoV1& record) { return record.inactive_; })) {
     return nullptr;
   }
-  info->dictionaryRepresentation_ = dictionary;
+  store(&info->dictionaryRepresentation_, dictionary);
   return info;
 }
 
@@ -274,7 +281,7 @@ bool RecordReader::parseString(Record& record, typename Record::Field field, con
   Value* slot = valueSlot(record, field);
   if (slot == nullptr) return false;
   if (value.isString()) {
-    *slot = value;  // Shares the text.
+    store(slot, value);  // Shares the text.
     return true;
   }
   std::optional<std::string> text = value.numberStringValue();
@@ -288,7 +295,7 @@ bool RecordReader::parseDictionary(Record& record, typename Record::Field field,
                                    CatalogLanguage&) {
   Value* slot = valueSlot(record, field);
   if (slot == nullptr || !value.isDictionary()) return false;
-  *slot = value;
+  store(slot, value);
   return true;
 }
 
@@ -301,7 +308,7 @@ bool RecordReader::parseNumber(ZBIAPProductInfoV1& record, ZBIAPProductInfoV1::F
   }
   Value* slot = valueSlot(record, field);
   if (slot == nullptr) return false;
-  *slot = value;
+  store(slot, value);
   return true;
 }
 
@@ -323,7 +330,10 @@ bool RecordReader::parseArraySet(ZBIAPProductInfoV1& record, ZBIAPProductInfoV1:
                                  const Value& value, CatalogLanguage&) {
   const Array* array = value.asArray();
   if (field != InfoField::kFeatureSet || array == nullptr) return false;
-  record.featureSet_ = std::make_shared<const ValueSet>(array->begin(), array->end());
+  auto set = std::make_shared<ValueSet>();
+  set->reserve(array->size());
+  for (const Value& element : *array) set->insert(element);
+  record.featureSet_ = std::move(set);
   return true;
 }
 
@@ -333,6 +343,7 @@ bool RecordReader::parseFeatureMetadataSet(ZBIAPProductInfoV1& record,
   const Array* array = value.asArray();
   if (field != InfoField::kFeatureMetadata || array == nullptr) return false;
   auto features = std::make_shared<ProductFeatureSet>();
+  features->reserve(array->size());
   for (const Value& element : *array) {
     if (!element.isDictionary()) continue;
     if (ProductFeaturePtr feature = readFeature(element)) features->insert(std::move(feature));
@@ -352,11 +363,11 @@ bool RecordReader::parseLocalizedString(ZBIAPProductInfoV1& record, ZBIAPProduct
       text = texts->find("de");
       if (text == nullptr || !text->isString()) return false;
     }
-    *slot = *text;
+    store(slot, *text);
     return true;
   }
   if (!value.isString()) return false;
-  *slot = value;
+  store(slot, value);
   return true;
 }
 

@@ -15,9 +15,9 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_set>
 
 #include "zbiap/catalog/key_table.h"
+#include "zbiap/catalog/small_set.h"
 #include "zbiap/foundation/value.h"
 
 class ZBIAPProductFeature {
@@ -89,7 +89,7 @@ namespace zbiap {
 
 using ProductFeaturePtr = std::shared_ptr<ZBIAPProductFeatureV1>;
 // A set of features by identity (see the file comment).
-using ProductFeatureSet = std::unordered_set<ProductFeaturePtr>;
+using ProductFeatureSet = SmallSet<ProductFeaturePtr>;
 
 }  // namespace zbiap
 

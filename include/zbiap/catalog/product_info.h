@@ -21,10 +21,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 
 #include "zbiap/catalog/key_table.h"
 #include "zbiap/catalog/product_feature.h"
+#include "zbiap/catalog/small_set.h"
 #include "zbiap/foundation/color.h"
 #include "zbiap/foundation/decimal.h"
 #include "zbiap/foundation/value.h"
@@ -34,7 +34,7 @@
 namespace zbiap {
 
 // A set of values with Foundation's rules (numbers compare by value, strings never equal numbers).
-using ValueSet = std::unordered_set<Value>;
+using ValueSet = SmallSet<Value>;
 
 }  // namespace zbiap
 
