@@ -1,0 +1,246 @@
+#include "zbiap/store/file_monitor.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "testing/test_platform.h"
+#include "zbiap/platform/file_watcher.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+using zbiap::testing::TestPlatform;
+
+class RecordingDelegate final : public ZBIAPFileMonitorDelegate {
+ public:
+  void fileHasChanged(const fs::path& fileURL) override {
+    urls.push_back(fileURL);
+    if (!zbiap::Platform::current().mainQueue().isMainThread()) offMainThread = true;
+  }
+  std::vector<fs::path> urls;
+  bool offMainThread = false;
+};
+
+void writeFile(const fs::path& path, const std::string& text, bool append = false) {
+  std::ofstream out(path, append ? std::ios::binary | std::ios::app : std::ios::binary);
+  out << text;
+}
+
+class FileMonitorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = platform_.makeTempDir("monitor");
+    file_ = dir_ / "receipt";
+    delegate_ = std::make_shared<RecordingDelegate>();
+  }
+
+  // Lets the watcher thread handle what the system has queued, then runs the main queue.
+  void settle() {
+    zbiap::FileWatch::waitUntilIdle();
+    platform_.runUntilIdle();
+  }
+
+  // Writes the file next to its place and renames it over, as an atomic save does.
+  void replaceAtomically(const std::string& text) {
+    writeFile(dir_ / "receipt.tmp", text);
+    fs::rename(dir_ / "receipt.tmp", file_);
+  }
+
+  TestPlatform platform_;
+  fs::path dir_;
+  fs::path file_;
+  std::shared_ptr<RecordingDelegate> delegate_;
+};
+
+TEST_F(FileMonitorTest, RefusesMissingArguments) {
+  EXPECT_EQ(ZBIAPFileMonitor::initWithURL(std::nullopt, delegate_), nullptr);
+  EXPECT_EQ(ZBIAPFileMonitor::initWithURL(fs::path(), delegate_), nullptr);
+  EXPECT_EQ(ZBIAPFileMonitor::initWithURL(file_, nullptr), nullptr);
+}
+
+TEST_F(FileMonitorTest, InPlaceWritesAreReportedOnTheMainQueue) {
+  writeFile(file_, "one");
+  auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate_);
+  ASSERT_NE(monitor, nullptr);
+  ASSERT_NE(monitor->source(), nullptr);
+  settle();
+  EXPECT_TRUE(delegate_->urls.empty()) << "arming on an existing file is no change";
+
+  writeFile(file_, "two", /*append=*/true);
+  settle();
+  ASSERT_EQ(delegate_->urls.size(), 1u);
+  EXPECT_EQ(delegate_->urls[0], file_);
+
+  fs::permissions(file_, fs::perms::owner_read, fs::perm_options::replace);
+  settle();
+  EXPECT_EQ(delegate_->urls.size(), 2u) << "an attribute change counts";
+  EXPECT_FALSE(delegate_->offMainThread);
+}
+
+TEST_F(FileMonitorTest, WaitsForAMissingFileByPollingInVirtualTime) {
+  auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate_);
+  ASSERT_NE(monitor, nullptr);
+  EXPECT_EQ(monitor->source(), nullptr);
+  EXPECT_EQ(platform_.mainQueue().pendingCount(), 1u) << "one retry timer";
+
+  platform_.advanceBy(std::chrono::seconds(2));
+  settle();
+  EXPECT_TRUE(delegate_->urls.empty());
+  EXPECT_EQ(platform_.mainQueue().pendingCount(), 1u) << "still polling, one timer at a time";
+
+  writeFile(file_, "receipt");
+  platform_.advanceBy(milliseconds(200));
+  settle();
+  ASSERT_EQ(delegate_->urls.size(), 1u) << "the file appearing is one change";
+  EXPECT_NE(monitor->source(), nullptr);
+  EXPECT_EQ(platform_.mainQueue().pendingCount(), 0u) << "polling ended";
+
+  writeFile(file_, " more", /*append=*/true);
+  settle();
+  EXPECT_EQ(delegate_->urls.size(), 2u);
+  EXPECT_FALSE(delegate_->offMainThread);
+}
+
+TEST_F(FileMonitorTest, FollowsAnAtomicReplacement) {
+  writeFile(file_, "old");
+  auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate_);
+  auto firstSource = monitor->source();
+  ASSERT_NE(firstSource, nullptr);
+
+  replaceAtomically("new");
+  settle();
+  EXPECT_GE(delegate_->urls.size(), 1u);
+  EXPECT_NE(monitor->source(), firstSource) << "re-armed on the new file";
+  EXPECT_TRUE(firstSource->isCancelled());
+
+  const size_t before = delegate_->urls.size();
+  writeFile(file_, " appended", /*append=*/true);
+  settle();
+  EXPECT_EQ(delegate_->urls.size(), before + 1) << "writes to the new file are seen";
+
+  // Several replacements in a row keep the monitor on the current file.
+  for (int i = 0; i < 5; ++i) replaceAtomically("version " + std::to_string(i));
+  settle();
+  const size_t afterReplacements = delegate_->urls.size();
+  EXPECT_GT(afterReplacements, before + 1);
+  writeFile(file_, "!", /*append=*/true);
+  settle();
+  EXPECT_EQ(delegate_->urls.size(), afterReplacements + 1);
+}
+
+TEST_F(FileMonitorTest, DeletionWaitsForTheFileToComeBack) {
+  writeFile(file_, "x");
+  auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate_);
+  fs::remove(file_);
+  settle();
+  EXPECT_TRUE(delegate_->urls.empty()) << "a deleted file is no change yet";
+  EXPECT_EQ(monitor->source(), nullptr);
+
+  platform_.advanceBy(std::chrono::seconds(1));
+  EXPECT_TRUE(delegate_->urls.empty());
+  writeFile(file_, "y");
+  platform_.advanceBy(milliseconds(200));
+  settle();
+  EXPECT_EQ(delegate_->urls.size(), 1u);
+}
+
+TEST_F(FileMonitorTest, RenameIsReportedWithoutRearming) {
+  writeFile(file_, "x");
+  auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate_);
+  auto source = monitor->source();
+  fs::rename(file_, dir_ / "moved");
+  settle();
+  EXPECT_EQ(delegate_->urls.size(), 1u);
+  EXPECT_EQ(monitor->source(), source);
+}
+
+TEST_F(FileMonitorTest, DestroyedMonitorStopsPollingAndNotifying) {
+  auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate_);
+  monitor.reset();
+  writeFile(file_, "x");
+  platform_.advanceBy(std::chrono::seconds(1));
+  settle();
+  EXPECT_TRUE(delegate_->urls.empty());
+  EXPECT_EQ(platform_.mainQueue().pendingCount(), 0u);
+
+  // A live watch dropped with events still on their way to the main queue.
+  auto second = ZBIAPFileMonitor::initWithURL(file_, delegate_);
+  writeFile(file_, "y", /*append=*/true);
+  zbiap::FileWatch::waitUntilIdle();
+  second.reset();
+  platform_.runUntilIdle();
+  EXPECT_TRUE(delegate_->urls.empty());
+}
+
+TEST_F(FileMonitorTest, GoneDelegateIsNotCalled) {
+  writeFile(file_, "x");
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate);
+  delegate.reset();
+  writeFile(file_, "y", /*append=*/true);
+  settle();  // must not crash
+  EXPECT_EQ(monitor->delegate(), nullptr);
+}
+
+TEST_F(FileMonitorTest, OpenErrorsAreLoggedOncePerDistinctNumber) {
+  // "not a directory" and "too many symbolic links" stand for any error but a missing file.
+  writeFile(dir_ / "plain", "x");
+  const fs::path notDirectory = dir_ / "plain" / "receipt";
+  fs::create_directory_symlink(dir_ / "loop", dir_ / "loop");
+  const fs::path looping = dir_ / "loop" / "receipt";
+  auto count = [&](const std::string& text) {
+    size_t n = 0;
+    for (const auto& line : platform_.logLines()) n += line.find(text) != std::string::npos;
+    return n;
+  };
+  const std::string notDirectoryLine = "Unable to watch file://" + notDirectory.string() + ": ";
+  const std::string loopingLine = "Unable to watch file://" + looping.string() + ": ";
+
+  auto a = ZBIAPFileMonitor::initWithURL(looping, delegate_);  // sets the last error reported
+  auto b = ZBIAPFileMonitor::initWithURL(notDirectory, delegate_);
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(b->source(), nullptr);
+  EXPECT_EQ(count(notDirectoryLine + std::to_string(20) + " - " + zbiap::systemErrorText(20)), 1u);
+  auto c = ZBIAPFileMonitor::initWithURL(notDirectory, delegate_);
+  EXPECT_EQ(count(notDirectoryLine), 1u) << "the same error again is not logged";
+  auto d = ZBIAPFileMonitor::initWithURL(looping, delegate_);
+  EXPECT_GE(count(loopingLine), 1u) << "a different error number is logged";
+  EXPECT_EQ(platform_.mainQueue().pendingCount(), 0u) << "no retry after such errors";
+  platform_.advanceBy(std::chrono::seconds(1));
+  EXPECT_TRUE(delegate_->urls.empty());
+}
+
+TEST_F(FileMonitorTest, PermissionErrorIsLoggedOnce) {
+  const fs::path locked = dir_ / "locked";
+  fs::create_directory(locked);
+  writeFile(locked / "receipt", "x");
+  fs::permissions(locked, fs::perms::none, fs::perm_options::replace);
+  std::error_code probe;
+  fs::directory_iterator it(locked, probe);
+  if (!probe) {
+    fs::permissions(locked, fs::perms::owner_all, fs::perm_options::replace);
+    GTEST_SKIP() << "permissions are not enforced for this user";
+  }
+  // Reset the process-wide memory of the last error with a different one first.
+  writeFile(dir_ / "plain", "x");
+  auto other = ZBIAPFileMonitor::initWithURL(dir_ / "plain" / "receipt", delegate_);
+  auto first = ZBIAPFileMonitor::initWithURL(locked / "receipt", delegate_);
+  auto second = ZBIAPFileMonitor::initWithURL(locked / "receipt", delegate_);
+  size_t lines = 0;
+  for (const auto& line : platform_.logLines()) {
+    lines += line.find("Unable to watch file://" + (locked / "receipt").string() + ": 13 - ") !=
+             std::string::npos;
+  }
+  EXPECT_EQ(lines, 1u);
+  fs::permissions(locked, fs::perms::owner_all, fs::perm_options::replace);
+}
+
+}  // namespace
