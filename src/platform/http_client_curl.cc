@@ -300,6 +300,8 @@ struct NetworkState {
   explicit NetworkState(HttpClient::Options opts) : options(std::move(opts)) {
     multi = curl_multi_init();
     if (!multi) throw std::bad_alloc();  // curl fails here only when memory is exhausted
+    curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS,
+                      static_cast<long>(std::max(options.maxConnectionsPerHost, 1)));
   }
   ~NetworkState() {
     if (multi) curl_multi_cleanup(multi);

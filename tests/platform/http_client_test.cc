@@ -76,6 +76,18 @@ class HttpClientTest : public ::testing::Test {
       server_.holdUntilReleased();
       res.set_content("late", "text/plain");
     });
+    s.Get("/parked", [this](const httplib::Request&, httplib::Response& res) {
+      {
+        std::lock_guard lock(mutex_);
+        maxInFlight_ = std::max(maxInFlight_, ++inFlight_);
+      }
+      server_.holdUntilReleased();
+      {
+        std::lock_guard lock(mutex_);
+        --inFlight_;
+      }
+      res.set_content("done", "text/plain");
+    });
     s.Get("/cookie", [this](const httplib::Request& req, httplib::Response& res) {
       {
         std::lock_guard lock(mutex_);
@@ -103,6 +115,8 @@ class HttpClientTest : public ::testing::Test {
   std::mutex mutex_;
   httplib::Request lastRequest_;
   std::vector<std::string> cookiesSeen_;
+  int inFlight_ = 0;
+  int maxInFlight_ = 0;
 };
 
 TEST_F(HttpClientTest, GetAnswersOnTheNetworkThreadWithHeadersAndBody) {
@@ -198,6 +212,25 @@ TEST_F(HttpClientTest, ManyConcurrentRequestsEachGetTheirOwnAnswer) {
   }
   ASSERT_EQ(all.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
   for (int i = 0; i < kCount; ++i) EXPECT_EQ(bodies[i], "number " + std::to_string(i));
+}
+
+TEST_F(HttpClientTest, ConnectionsPerHostAreLimited) {
+  HttpClient::Options options;
+  options.maxConnectionsPerHost = 3;
+  auto client = HttpClient::createCurl(options);
+  constexpr int kCount = 7;
+  std::atomic<int> answered = 0;
+  std::promise<void> all;
+  for (int i = 0; i < kCount; ++i) {
+    client->send(get(server_.url("/parked")), [&](auto response, auto) {
+      if (response && response->statusCode == 200 && ++answered == kCount) all.set_value();
+    });
+  }
+  while (server_.heldCount() < 3) std::this_thread::yield();
+  server_.release();
+  ASSERT_EQ(all.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  std::lock_guard lock(mutex_);
+  EXPECT_EQ(maxInFlight_, 3);
 }
 
 TEST_F(HttpClientTest, SendFromACompletionWorks) {

@@ -98,6 +98,9 @@ class HttpClient {
     size_t maxResponseBytes = size_t{64} << 20;
     // Redirects followed before kNSURLErrorHTTPTooManyRedirects.
     int maxRedirects = 16;
+    // Connections open at once to one host, as Foundation's default; further requests wait for
+    // a free one (and that wait counts towards their timeout).
+    int maxConnectionsPerHost = 6;
   };
 
   HttpClient() = default;
