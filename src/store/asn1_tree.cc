@@ -5,8 +5,6 @@
 
 namespace zbiap {
 
-ASN1Node ASN1Tree::root() const { return hasRoot_ ? ASN1Node(this, root_) : ASN1Node(); }
-
 void ASN1Tree::clear() {
   nodes_.clear();
   children_.clear();
@@ -15,17 +13,6 @@ void ASN1Tree::clear() {
   buffers_.clear();
   hasRoot_ = false;
   root_ = 0;
-}
-
-ASN1Type ASN1Node::type() const { return tree_ ? tree_->nodes_[index_].type : ASN1Type::kNull; }
-
-bool ASN1Node::isNumber() const {
-  ASN1Type t = type();
-  return t == ASN1Type::kInteger || t == ASN1Type::kReal || t == ASN1Type::kDecimal;
-}
-
-int64_t ASN1Node::integerValue() const {
-  return type() == ASN1Type::kInteger ? tree_->nodes_[index_].integer : 0;
 }
 
 double ASN1Node::realValue() const {
@@ -54,33 +41,9 @@ Decimal ASN1Node::decimalValue() const {
   }
 }
 
-std::span<const uint8_t> ASN1Node::bytes() const {
-  ASN1Type t = type();
-  if (t != ASN1Type::kData && t != ASN1Type::kString && t != ASN1Type::kBigNum) return {};
-  const auto& n = tree_->nodes_[index_];
-  return {n.bytes, n.count};
-}
-
-std::string_view ASN1Node::stringValue() const {
-  if (type() != ASN1Type::kString) return {};
-  const auto& n = tree_->nodes_[index_];
-  return {reinterpret_cast<const char*>(n.bytes), n.count};
-}
-
 const ZBIAPASN1ObjectID* ASN1Node::objectID() const {
   if (type() != ASN1Type::kObjectID) return nullptr;
   return &tree_->oids_[tree_->nodes_[index_].count];
-}
-
-size_t ASN1Node::size() const {
-  return type() == ASN1Type::kArray ? tree_->nodes_[index_].count : 0;
-}
-
-ASN1Node ASN1Node::operator[](size_t index) const {
-  if (type() != ASN1Type::kArray) return {};
-  const auto& n = tree_->nodes_[index_];
-  if (index >= n.count) return {};
-  return ASN1Node(tree_, tree_->children_[n.firstChild + index]);
 }
 
 uint8_t ASN1Node::asn1Class() const {

@@ -3,6 +3,7 @@
 // nothing beyond the values it produces.
 #include <cmath>
 
+#include "store/asn1_utf8.h"
 #include "zbiap/store/asn1_parser.h"
 #include "zbiap/store/receipt_parser.h"
 #include "zbiap/support/date_tools.h"
@@ -45,7 +46,7 @@ ASN1Node findContentInfo(ASN1Node array) {
 }
 
 // The attribute type as Foundation's integer value of the number would give it.
-std::optional<int64_t> attributeType(ASN1Node number) {
+inline std::optional<int64_t> attributeType(ASN1Node number) {
   switch (number.type()) {
     case ASN1Type::kInteger:
       return number.integerValue();
@@ -62,6 +63,60 @@ std::optional<int64_t> attributeType(ASN1Node number) {
 }
 
 enum class Kind { kString, kNumber, kDate };
+
+// What the parser gives as the first value of an attribute's octets.
+struct FirstValue {
+  enum { kNone, kString, kInteger } kind = kNone;  // kNone: no parse, or another type
+  std::string_view text;
+  int64_t integer = 0;
+};
+
+// The common case without building a tree: the octets hold exactly one primitive universal
+// INTEGER (up to 8 octets) or text string of definite length. The parser would read that one
+// header and that one element and nothing else, so the outcome is the same. False when the
+// octets need the parser.
+bool readSimpleValue(std::span<const uint8_t> b, FirstValue* out) {
+  if (b.size() < 2) return false;
+  uint8_t id = b[0];
+  if ((id & 0xE0) != 0 || (id & 0x1F) == 0x1F) return false;  // not universal primitive
+  size_t header = 2;
+  size_t length = b[1];
+  if (length == 0x81 && b.size() >= 3) {
+    header = 3;
+    length = b[2];
+  } else if (length == 0x82 && b.size() >= 4) {
+    header = 4;
+    length = static_cast<size_t>(b[2]) << 8 | b[3];
+  } else if (length >= 0x80) {
+    return false;
+  }
+  if (header + length != b.size()) return false;
+  const uint8_t* content = b.data() + header;
+  switch (id) {
+    case 0x02: {
+      if (length == 0) {  // an empty INTEGER fails the parse
+        out->kind = FirstValue::kNone;
+        return true;
+      }
+      if (length > 8) return false;
+      uint64_t v = 0;
+      for (size_t i = 0; i < length; ++i) v = v << 8 | content[i];
+      out->kind = FirstValue::kInteger;
+      out->integer = static_cast<int64_t>(v);
+      return true;
+    }
+    case 0x0C:
+    case 0x13:
+    case 0x16: {
+      bool ok = id == 0x0C ? zbiap::isValidUTF8(content, length) : zbiap::isASCII(content, length);
+      out->kind = ok ? FirstValue::kString : FirstValue::kNone;
+      out->text = std::string_view(reinterpret_cast<const char*>(content), length);
+      return true;
+    }
+    default:
+      return false;
+  }
+}
 
 class ReceiptDecoder {
  public:
@@ -83,6 +138,7 @@ class ReceiptDecoder {
     }
     ASN1Node set = content_[0];
     zbiap::Array purchases;
+    purchases.reserve(set.size());
     for (size_t i = 0; i < set.size(); ++i) {
       ASN1Node attribute = set[i];
       std::optional<int64_t> type;
@@ -202,23 +258,35 @@ class ReceiptDecoder {
   // Decodes an attribute value (the DER of one element inside the OCTET STRING) and sets it
   // under `key`; false, leaving `into` as it was, when it gives no value of the kind.
   bool decodeInto(Dictionary* into, const char* key, ASN1Node octets, Kind kind) {
-    if (!octets.isData() || !ZBIAPASN1Parser::parseASN1Data(octets.bytes(), &valueTree_) ||
-        valueTree_.empty()) {
-      return false;
+    if (!octets.isData()) return false;
+    FirstValue first;
+    Value number;
+    if (!readSimpleValue(octets.bytes(), &first)) {
+      if (!ZBIAPASN1Parser::parseASN1Data(octets.bytes(), &valueTree_) || valueTree_.empty()) {
+        return false;
+      }
+      ASN1Node element = valueTree_[0];
+      if (element.isString()) {
+        first.kind = FirstValue::kString;
+        first.text = element.stringValue();
+      } else if (element.isNumber()) {
+        number = element.toValue();
+      }
+    } else if (first.kind == FirstValue::kInteger) {
+      number = Value(first.integer);
     }
-    ASN1Node element = valueTree_[0];
     switch (kind) {
       case Kind::kString:
-        if (!element.isString()) return false;
-        into->set(key, Value(element.stringValue()));
+        if (first.kind != FirstValue::kString) return false;
+        into->set(key, Value(first.text));
         return true;
       case Kind::kNumber:
-        if (!element.isNumber()) return false;
-        into->set(key, element.toValue());
+        if (number.isNil()) return false;
+        into->set(key, std::move(number));
         return true;
       case Kind::kDate: {
-        if (!element.isString() || element.stringValue().empty()) return false;
-        auto date = ZBIAPDateTools::dateTools().dateFromRFC3339String(element.stringValue());
+        if (first.kind != FirstValue::kString || first.text.empty()) return false;
+        auto date = ZBIAPDateTools::dateTools().dateFromRFC3339String(first.text);
         if (!date) return false;
         into->set(key, Value(*date));
         return true;

@@ -145,6 +145,46 @@ class ASN1Tree {
   bool hasRoot_ = false;
 };
 
+// The accessors that decoding loops call most, inline.
+inline ASN1Type ASN1Node::type() const {
+  return tree_ ? tree_->nodes_[index_].type : ASN1Type::kNull;
+}
+
+inline bool ASN1Node::isNumber() const {
+  ASN1Type t = type();
+  return t == ASN1Type::kInteger || t == ASN1Type::kReal || t == ASN1Type::kDecimal;
+}
+
+inline size_t ASN1Node::size() const {
+  return type() == ASN1Type::kArray ? tree_->nodes_[index_].count : 0;
+}
+
+inline ASN1Node ASN1Node::operator[](size_t index) const {
+  if (type() != ASN1Type::kArray) return {};
+  const auto& n = tree_->nodes_[index_];
+  if (index >= n.count) return {};
+  return ASN1Node(tree_, tree_->children_[n.firstChild + index]);
+}
+
+inline int64_t ASN1Node::integerValue() const {
+  return type() == ASN1Type::kInteger ? tree_->nodes_[index_].integer : 0;
+}
+
+inline std::span<const uint8_t> ASN1Node::bytes() const {
+  ASN1Type t = type();
+  if (t != ASN1Type::kData && t != ASN1Type::kString && t != ASN1Type::kBigNum) return {};
+  const auto& n = tree_->nodes_[index_];
+  return {n.bytes, n.count};
+}
+
+inline std::string_view ASN1Node::stringValue() const {
+  if (type() != ASN1Type::kString) return {};
+  const auto& n = tree_->nodes_[index_];
+  return {reinterpret_cast<const char*>(n.bytes), n.count};
+}
+
+inline ASN1Node ASN1Tree::root() const { return hasRoot_ ? ASN1Node(this, root_) : ASN1Node(); }
+
 }  // namespace zbiap
 
 #endif  // ZBIAP_STORE_ASN1_TREE_H_

@@ -1,0 +1,170 @@
+// Receipt decoding: writer-made receipts of 10, 1,000 and 10,000 purchases, the real
+// 187-purchase receipt of the shared test material, and any receipt named by the environment
+// variable ZBIAP_BENCH_RECEIPT (ReceiptDecodeFile). Each iteration decodes the whole file into
+// the receipt dictionary and the purchase records. The counter peak_x_file is the largest
+// heap in use during one decode (output included) over the file's size.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+// The replaced operator new and delete below allocate with malloc and free; GCC sees the
+// free behind an inlined delete and cannot tell that the new was replaced too.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include "testing/testdata.h"
+#include "zbiap/store/asn1_parser.h"
+#include "zbiap/store/receipt_parser.h"
+#include "zbiap/storekit/receipt_writer.h"
+
+namespace {
+
+// Heap accounting for the thread that measures; other threads and other benchmarks only pay
+// one thread-local test per allocation.
+thread_local bool tTracking = false;
+thread_local int64_t tInUse = 0;
+thread_local int64_t tPeak = 0;
+
+void track(void* p, bool add) {
+  if (!tTracking || p == nullptr) return;
+  auto size = static_cast<int64_t>(malloc_usable_size(p));
+  tInUse += add ? size : -size;
+  if (tInUse > tPeak) tPeak = tInUse;
+}
+
+}  // namespace
+
+void* operator new(size_t size) {
+  void* p = std::malloc(size == 0 ? 1 : size);
+  if (p == nullptr) throw std::bad_alloc();
+  track(p, true);
+  return p;
+}
+void operator delete(void* p) noexcept {
+  track(p, false);
+  std::free(p);
+}
+void operator delete(void* p, size_t) noexcept {
+  track(p, false);
+  std::free(p);
+}
+
+namespace {
+
+zbiap::Data writerReceipt(int purchases) {
+  auto writer = zbiap::ReceiptWriter::create();
+  zbiap::ReceiptContents c;
+  c.bundleIdentifier = "com.example.benchmark";
+  c.appVersion = "4.2.1";
+  c.originalAppVersion = "1.0";
+  c.creationDate = zbiap::Date::fromMicrosSince1970(1700000000000000);
+  c.originalPurchaseDate = zbiap::Date::fromMicrosSince1970(1500000000000000);
+  for (int i = 0; i < purchases; ++i) {
+    zbiap::ReceiptPurchase p;
+    p.productIdentifier = "com.example.app.monthly." + std::to_string(i % 4);
+    p.transactionIdentifier = std::to_string(320000000000000 + i);
+    p.originalTransactionIdentifier = std::to_string(320000000000000 + i / 12 * 12);
+    p.purchaseDate = zbiap::Date::fromMicrosSince1970((1600000000LL + i * 2592000LL) * 1000000);
+    p.originalPurchaseDate =
+        zbiap::Date::fromMicrosSince1970((1600000000LL + i / 12 * 12 * 2592000LL) * 1000000);
+    p.subscriptionExpirationDate =
+        zbiap::Date::fromMicrosSince1970((1600000000LL + (i + 1) * 2592000LL) * 1000000);
+    p.webOrderLineItemID = 320000000000000 + i;
+    // What the App Store writes besides: the types the reader ignores.
+    for (int64_t type : {1707, 1719}) {
+      zbiap::Data value = {0x02, 0x01, 0x00};
+      p.extraAttributes.push_back({type, 1, value});
+    }
+    c.purchases.push_back(std::move(p));
+  }
+  return *writer->write(c);
+}
+
+void decode(benchmark::State& state, const zbiap::Data& data) {
+  auto parser = ZBIAPReceiptParser::fromReceiptData(data);
+  if (!parser->isLoaded()) {
+    state.SkipWithError("the receipt is rejected");
+    return;
+  }
+  size_t purchases = parser->inAppPurchases().size();
+  parser->refresh();  // warm the per-thread date tools
+  for (auto _ : state) {
+    parser->refresh();
+    benchmark::DoNotOptimize(parser->isLoaded());
+  }
+  // One more decode, measured for heap use. The previous results are released first.
+  parser->setReceiptData(std::nullopt);
+  parser->refresh();
+  parser->setReceiptData(data);
+  tInUse = tPeak = 0;
+  tTracking = true;
+  parser->refresh();
+  tTracking = false;
+  state.counters["purchases"] = static_cast<double>(purchases);
+  state.counters["file_MB"] = static_cast<double>(data.size()) / 1e6;
+  state.counters["peak_x_file"] = static_cast<double>(tPeak) / static_cast<double>(data.size());
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * data.size()));
+}
+
+void BM_ReceiptDecodeWriter(benchmark::State& state) {
+  static std::map<int64_t, zbiap::Data> receipts;
+  auto& data = receipts[state.range(0)];
+  if (data.empty()) data = writerReceipt(static_cast<int>(state.range(0)));
+  decode(state, data);
+}
+BENCHMARK(BM_ReceiptDecodeWriter)->Arg(10)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+zbiap::Data readFile(const std::filesystem::path& path) {
+  std::string bytes = zbiap::testing::readFile(path);
+  return zbiap::Data(bytes.begin(), bytes.end());
+}
+
+void BM_ReceiptDecodeReal187(benchmark::State& state) {
+  zbiap::Data data =
+      readFile(zbiap::testing::testdataDir() / "receipts" / "sandbox-2020-nutcall-187iap.der");
+  if (data.empty()) {
+    state.SkipWithError("shared test material not found");
+    return;
+  }
+  decode(state, data);
+}
+BENCHMARK(BM_ReceiptDecodeReal187)->Unit(benchmark::kMicrosecond);
+
+void ReceiptDecodeFile(benchmark::State& state) {
+  const char* path = std::getenv("ZBIAP_BENCH_RECEIPT");
+  if (path == nullptr || *path == '\0') {
+    state.SkipWithError("set ZBIAP_BENCH_RECEIPT to a receipt file to measure it");
+    return;
+  }
+  zbiap::Data data = readFile(path);
+  if (data.empty()) {
+    state.SkipWithError("ZBIAP_BENCH_RECEIPT names no readable file");
+    return;
+  }
+  decode(state, data);
+}
+BENCHMARK(ReceiptDecodeFile)->Unit(benchmark::kMicrosecond);
+
+// The ASN.1 parser alone over the attribute SET of the 10,000-purchase receipt.
+void BM_ASN1ParseReceiptContent(benchmark::State& state) {
+  static zbiap::Data data = [] {
+    zbiap::ASN1Tree container;
+    zbiap::Data receipt = writerReceipt(10000);
+    ZBIAPASN1Parser::parseASN1Data(receipt, &container);
+    // ContentInfo [1] -> [0] SignedData -> encapsulated content info [2] -> [0] -> octets.
+    auto octets = container[0][1].tagValue()[0][2][1].tagValue()[0].bytes();
+    return zbiap::Data(octets.begin(), octets.end());
+  }();
+  zbiap::ASN1Tree tree;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(ZBIAPASN1Parser::parseASN1Data(data, &tree));
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * data.size()));
+}
+BENCHMARK(BM_ASN1ParseReceiptContent)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
