@@ -5,7 +5,7 @@
 #include <string>
 
 #include "testing/fake_store.h"
-#include "tests/catalog/catalog_test_platform.h"
+#include "tests/catalog/record_test_fixture.h"
 #include "zbiap/catalog/product_feature.h"
 #include "zbiap/catalog/product_info.h"
 #include "zbiap/catalog/product_info_response.h"
@@ -19,7 +19,7 @@ constexpr char kBase[] =
     R"("subtitle":"All","background_color":"#123456","old_price":"9.99","metadata":{"a":1},)"
     R"("features":["sync"],"feature_group":{"g":1},"iap_group":"g1","free_trial_title":"Try")";
 
-class ProductInfoEqualityTest : public testing::CatalogTest {
+class ProductInfoEqualityTest : public testing::RecordTest {
  protected:
   std::shared_ptr<ZBIAPProductInfoV1> make(const std::string& extra = "") {
     auto dpi = ZBIAPProductInfoV1::create(json(std::string("{") + kBase + extra + "}"));

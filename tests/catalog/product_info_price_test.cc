@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "testing/fake_store.h"
-#include "tests/catalog/catalog_test_platform.h"
+#include "tests/catalog/record_test_fixture.h"
 #include "zbiap/catalog/product_info.h"
 #include "zbiap/store/store_product.h"
 
@@ -21,7 +21,7 @@ ZBIAPStoreProductPtr product(const char* price, const char* locale) {
   return testing::FakeStore::makeProduct("pro", price, locale);
 }
 
-class ProductInfoPriceTest : public testing::CatalogTest {
+class ProductInfoPriceTest : public testing::RecordTest {
  protected:
   std::shared_ptr<ZBIAPProductInfoV1> make(const std::string& oldPrice) {
     auto dpi = ZBIAPProductInfoV1::create(

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "tests/catalog/catalog_test_platform.h"
+#include "tests/catalog/record_test_fixture.h"
 #include "zbiap/catalog/product_feature.h"
 #include "zbiap/catalog/product_info.h"
 
@@ -22,7 +22,7 @@ std::string failed(const std::string& key) {
   return "Dynamic IAP: Parsing the required key '" + key + "' failed!";
 }
 
-class ProductInfoReaderTest : public testing::CatalogTest {
+class ProductInfoReaderTest : public testing::RecordTest {
  protected:
   std::shared_ptr<ZBIAPProductInfoV1> read(std::string_view text) {
     return ZBIAPProductInfoV1::create(json(text));

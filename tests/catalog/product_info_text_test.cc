@@ -6,7 +6,7 @@
 #include <string>
 
 #include "catalog/hex_color.h"
-#include "tests/catalog/catalog_test_platform.h"
+#include "tests/catalog/record_test_fixture.h"
 #include "zbiap/catalog/product_info.h"
 
 namespace zbiap {
@@ -14,7 +14,7 @@ namespace {
 
 using ::testing::IsEmpty;
 
-class ProductInfoTextTest : public testing::CatalogTest {
+class ProductInfoTextTest : public testing::RecordTest {
  protected:
   // The title read from `title` (JSON), or nullopt when the product is rejected.
   std::optional<std::string> title(const std::string& titleJSON) {
@@ -44,9 +44,9 @@ TEST_F(ProductInfoTextTest, FirstPreferredLanguageElseGerman) {
 
 TEST_F(ProductInfoTextTest, OverrideIsUsedWholeWhateverTheUser) {
   platform().setPreferredLanguages({"de-DE"});
-  platform().setEnvironment("ZBIAP_OVERRIDE_LOCALE", "fr");
+  platform().setEnv("ZBIAP_OVERRIDE_LOCALE", "fr");
   EXPECT_EQ(title(kFrenchAndGerman), "Bonjour");
-  platform().setEnvironment("ZBIAP_OVERRIDE_LOCALE", "fr-CA");
+  platform().setEnv("ZBIAP_OVERRIDE_LOCALE", "fr-CA");
   EXPECT_EQ(title(kFrenchAndGerman), "Hallo");
   EXPECT_EQ(title(R"({"fr-CA":"Allo","fr":"Bonjour"})"), "Allo");
 }
