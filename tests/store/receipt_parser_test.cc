@@ -163,6 +163,36 @@ TEST_F(ReceiptParserTest, UndecodableValuesAreSkippedOrReject) {
   }
 }
 
+TEST_F(ReceiptParserTest, ValuesInEveryEncodingTheParserAccepts) {
+  ReceiptContents c = contents(0);
+  c.bundleIdentifier.reset();
+  c.appVersion.reset();
+  c.originalAppVersion.reset();
+  // Long-form lengths, a constructed string, a PrintableString, trailing elements after the
+  // first value and a tagged first value.
+  c.extraAttributes = {{2, 1, Data{0x0C, 0x82, 0x00, 0x03, 'a', 'p', 'p'}},
+                       {3, 1, Data{0x2C, 0x06, 0x0C, 0x01, '1', 0x0C, 0x01, '2'}},
+                       {19, 1, Data{0x13, 0x01, '9', 0x05, 0x00}},
+                       {0, 1, Data{0x80, 0x01, 'x'}}};
+  ReceiptPurchase p = purchase(0);
+  p.quantity.reset();
+  p.webOrderLineItemID.reset();
+  p.extraAttributes = {
+      {1701, 1, Data{0x02, 0x09, 0x00, 0, 0, 0, 0, 0, 0, 0, 0x07}},  // a decimal number
+      {1711, 1, Data{0x02, 0x08, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE}}};
+  c.purchases = {p};
+  auto parser = read(c);
+  ASSERT_TRUE(parser->isLoaded()) << parser->lastError()->description();
+  EXPECT_EQ(parser->bundleIdentifier(), "app");
+  EXPECT_EQ(parser->appVersion(), "12");
+  EXPECT_EQ(parser->originalPurchaseVersion(), "9");
+  EXPECT_EQ(parser->environment(), "ProductionSandbox");  // the tagged value is skipped
+  auto iaps = parser->inAppPurchases();
+  ASSERT_EQ(iaps.size(), 1u);
+  EXPECT_EQ(iaps[0]->quantity(), 7);
+  EXPECT_EQ(iaps[0]->webOrderLineItemID(), -2);
+}
+
 TEST_F(ReceiptParserTest, PurchaseFields) {
   ReceiptContents c = contents(0);
   ReceiptPurchase noTransaction = purchase(1);
