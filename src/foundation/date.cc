@@ -52,7 +52,9 @@ std::chrono::system_clock::time_point Date::sysTime() const {
 std::string Date::description() const {
   constexpr int64_t kMicrosPerDay = 86400LL * 1000000LL;
   const int64_t days = floorDiv(micros_, kMicrosPerDay);
-  const int64_t secondsOfDay = (micros_ - days * kMicrosPerDay) / 1000000;
+  int64_t microsOfDay = micros_ % kMicrosPerDay;  // no product that could overflow
+  if (microsOfDay < 0) microsOfDay += kMicrosPerDay;
+  const int64_t secondsOfDay = microsOfDay / 1000000;
   int64_t year;
   unsigned month, day;
   civilFromDays(days, &year, &month, &day);

@@ -112,6 +112,25 @@ TEST(JSONReadTest, DepthIsLimited) {
   rejected(std::string(1000000, '['));
 }
 
+TEST(JSONReadTest, ParsedValuesOutliveTheirDocument) {
+  Value kept;
+  Value list;
+  {
+    const Value doc =
+        parsed(R"({"products":[{"title":{"en":"A title longer than fifteen bytes","de":"B"}}],)"
+               R"("list":["one","two"]})");
+    kept = doc["products"][size_t{0}]["title"];
+    list = doc["list"];
+  }
+  EXPECT_EQ(kept["en"], Value("A title longer than fifteen bytes"));
+  kept.set("fr", Value("C"));
+  list.append(Value("three"));
+  EXPECT_EQ(toJSON(kept), R"({"en":"A title longer than fifteen bytes","de":"B","fr":"C"})");
+  EXPECT_EQ(toJSON(list), R"(["one","two","three"])");
+  // The last reference may go on another thread.
+  std::thread([v = std::move(kept)]() mutable { v = Value(); }).join();
+}
+
 TEST(JSONReadTest, ParsesOnManyThreadsAtOnce) {
   std::vector<std::thread> threads;
   std::vector<int> ok(4, 0);

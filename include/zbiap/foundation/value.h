@@ -28,6 +28,9 @@
 namespace zbiap {
 
 class Value;
+namespace internal {
+class ValueAccess;  // the JSON reader's way to build values without a heap allocation each
+}  // namespace internal
 using Data = std::vector<uint8_t>;
 
 // Insertion-ordered string-keyed map. Setting an existing key replaces its value in place.
@@ -156,6 +159,7 @@ class Value {
   std::string description() const;
 
  private:
+  friend class internal::ValueAccess;
   using Storage =
       std::variant<std::monostate, Null, bool, int64_t, double, Decimal,
                    std::shared_ptr<const std::string>, Date, std::shared_ptr<const Data>,
