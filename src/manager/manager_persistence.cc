@@ -14,11 +14,15 @@ namespace {
 using zbiap::manager_internal::kBaselineFeatureMetadataKey;
 using zbiap::manager_internal::kProductInfosKey;
 
-void saveArray(std::string_view key, zbiap::Array array) {
+// Writes the JSON text of `array` under `key` unless `lastSaved` shows it is there already.
+void saveArray(std::string_view key, zbiap::Array array, std::string& lastSaved) {
   std::string text = zbiap::toJSON(zbiap::Value(std::move(array)));
+  if (text == lastSaved) return;
   // A failed write is reported by the defaults themselves; the saved copy is only a cache.
-  zbiap::Platform::current().standardUserDefaults().setData(key,
-                                                            zbiap::Data(text.begin(), text.end()));
+  if (zbiap::Platform::current().standardUserDefaults().setData(
+          key, zbiap::Data(text.begin(), text.end()))) {
+    lastSaved = std::move(text);
+  }
 }
 
 // The elements of the saved array, or none when the data does not hold one.
@@ -39,7 +43,7 @@ void ZBIAPManager::locked_saveProductInfos() {
       if (dpi) array.push_back(dpi->dictionaryRepresentation());
     }
   }
-  saveArray(kProductInfosKey, std::move(array));
+  saveArray(kProductInfosKey, std::move(array), savedProductInfosText_);
 }
 
 void ZBIAPManager::locked_saveBaselineFeatures() {
@@ -50,7 +54,7 @@ void ZBIAPManager::locked_saveBaselineFeatures() {
       if (feature) array.push_back(feature->dictionaryRepresentation());
     }
   }
-  saveArray(kBaselineFeatureMetadataKey, std::move(array));
+  saveArray(kBaselineFeatureMetadataKey, std::move(array), savedBaselineFeaturesText_);
 }
 
 bool ZBIAPManager::locked_restoreProductInfosAndBaselineFeatures() {
@@ -65,6 +69,9 @@ bool ZBIAPManager::locked_restoreProductInfosAndBaselineFeatures() {
     ZBIAP_LOG(logger_, "Failed to load baseline features!");
     return false;
   }
+
+  savedProductInfosText_.assign(infosData->begin(), infosData->end());
+  savedBaselineFeaturesText_.assign(featuresData->begin(), featuresData->end());
 
   // One language choice for the whole catalogue, as when it was fetched.
   zbiap::CatalogLanguage language;

@@ -173,6 +173,10 @@ class ZBIAPManager final : public ZBIAPStoreDelegate,
   std::optional<std::string> cachedOriginalPurchaseVersion_;
   std::optional<ProductInfos> dynamicProductInfosWithStoreProducts_;
   int64_t queryCounter_ = 0;
+  // The texts last read from or written to the user defaults, so that saving what is already
+  // there (a server repeating its feature list) costs no write.
+  std::string savedProductInfosText_;
+  std::string savedBaselineFeaturesText_;
 
   zbiap::ObserverList<int64_t> stateObservers_;
   zbiap::ObserverList<int64_t> queryCounterObservers_;
