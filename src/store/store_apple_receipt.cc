@@ -1,0 +1,103 @@
+// ZBIAPStoreApple: reading and watching the App Store receipt, and wrapping StoreKit errors.
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+
+#include "zbiap/platform/platform.h"
+#include "zbiap/store/store_apple.h"
+#include "zbiap/storekit/sk_error.h"
+#include "zbiap/support/logger.h"
+
+namespace {
+
+// The receipt URL comes from the platform's main bundle. It is asked at every read rather than
+// kept for the process: the answer is a constant of the bundle, and a test that installs a new
+// platform (with a new bundle) must not see the previous one's.
+std::optional<std::filesystem::path> appStoreReceiptURL() {
+  std::filesystem::path url = zbiap::Platform::current().mainBundle().appStoreReceiptURL();
+  if (url.empty()) return std::nullopt;
+  return url;
+}
+
+bool samePurchases(const std::vector<ZBIAPReceiptIAPPtr>& a,
+                   const std::vector<ZBIAPReceiptIAPPtr>& b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](const auto& x, const auto& y) { return *x == *y; });
+}
+
+}  // namespace
+
+bool ZBIAPStoreApple::locked_readReceipt() {
+  std::optional<std::filesystem::path> url = appStoreReceiptURL();
+  if (!url) {
+    ZBIAP_LOG(logger_, "Could not query App Store Receipt URL!");
+    return false;
+  }
+  if (!receiptParser_) {
+    receiptParser_ = ZBIAPReceiptParser::fromReceiptURL(*url);
+  } else {
+    receiptParser_->refresh();
+  }
+  if (!receiptParser_ || !receiptParser_->isLoaded()) {
+    ZBIAPErrorPtr lastError = receiptParser_ ? receiptParser_->lastError() : nullptr;
+    ZBIAP_LOG(logger_, "Could not parse receipt: {}",
+              lastError ? lastError->description() : std::string("(null)"));
+    return false;
+  }
+  if (!receiptMonitor_) {
+    receiptMonitor_ = ZBIAPFileMonitor::initWithURL(
+        *url, std::static_pointer_cast<ZBIAPFileMonitorDelegate>(shared_from_this()));
+  }
+
+  bool changed = false;
+  std::vector<ZBIAPReceiptIAPPtr> purchases = receiptParser_->inAppPurchases();
+  if (!samePurchases(inAppPurchases_, purchases)) {
+    inAppPurchases_ = std::move(purchases);
+    changed = true;
+  }
+  // An absent current value never compares equal, so a receipt without these counts as a
+  // change at every read.
+  std::optional<zbiap::Date> date = receiptParser_->originalPurchaseDate();
+  if (!originalPurchaseDate_ || !date || *originalPurchaseDate_ != *date) {
+    originalPurchaseDate_ = date;
+    changed = true;
+  }
+  std::optional<std::string> version = receiptParser_->originalPurchaseVersion();
+  if (!originalPurchaseVersion_ || !version || *originalPurchaseVersion_ != *version) {
+    originalPurchaseVersion_ = version;
+    changed = true;
+  }
+  return changed;
+}
+
+void ZBIAPStoreApple::updateReceipt() {
+  bool changed;
+  {
+    std::lock_guard<std::recursive_mutex> guard(recursiveLock_);
+    changed = locked_readReceipt();
+  }
+  if (!changed) return;
+  if (auto delegate = storeDelegate()) delegate->storeDidUpdateInformations(*this);
+}
+
+void ZBIAPStoreApple::fileHasChanged(const std::filesystem::path& fileURL) {
+  std::error_code error;
+  const auto status = std::filesystem::status(fileURL, error);
+  if (!error && std::filesystem::exists(status)) {
+    const auto size = std::filesystem::file_size(fileURL, error);
+    // An empty file is a receipt being written (or a placeholder): wait for its content.
+    if (!error && size == 0) return;
+  }
+  updateReceipt();
+}
+
+ZBIAPErrorPtr ZBIAPStoreApple::wrapError(const ZBIAPErrorPtr& error) {
+  if (error && error->domain() == SKErrorDomain && error->code() == SKErrorPaymentCancelled) {
+    return zbiap::makeStoreError(ZBIAPStoreErrorPaymentCancelled);
+  }
+  if (error && error->domain() == SSServerErrorDomain &&
+      error->code() == SSServerErrorAlreadySubscribed) {
+    return zbiap::makeStoreError(ZBIAPStoreErrorAlreadySubscribed, error);
+  }
+  return zbiap::makeStoreError(ZBIAPStoreErrorOther, error);
+}
