@@ -207,7 +207,8 @@ Decimal Decimal::fromParts(bool negative, Mantissa mantissa, int exponent) {
       --e;
     }
   }
-  d.mantissa_ = mantissa;
+  d.low_ = static_cast<uint64_t>(mantissa);
+  d.high_ = static_cast<uint64_t>(mantissa >> 64);
   d.exponent_ = static_cast<int>(e);
   d.negative_ = negative;
   return d;
@@ -215,10 +216,10 @@ Decimal Decimal::fromParts(bool negative, Mantissa mantissa, int exponent) {
 
 std::string Decimal::toString() const {
   if (nan_) return "NaN";
-  if (mantissa_ == 0) return "0";
+  if (mantissa() == 0) return "0";
   char digits[48];
   int len = 0;
-  Mantissa m = mantissa_;
+  Mantissa m = mantissa();
   while (m != 0) {
     digits[len++] = static_cast<char>('0' + static_cast<int>(m % 10));
     m /= 10;
@@ -246,12 +247,12 @@ std::string Decimal::toString() const {
 
 double Decimal::toDouble() const {
   if (nan_) return std::nan("");
-  if (mantissa_ == 0) return 0.0;
+  if (mantissa() == 0) return 0.0;
   // Correctly rounded through the C library's reader.
   char buf[80];
   char digits[48];
   int len = 0;
-  Mantissa m = mantissa_;
+  Mantissa m = mantissa();
   while (m != 0) {
     digits[len++] = static_cast<char>('0' + static_cast<int>(m % 10));
     m /= 10;
@@ -266,7 +267,7 @@ double Decimal::toDouble() const {
 std::optional<int64_t> Decimal::toInt64() const {
   if (nan_) return std::nullopt;
   if (exponent_ < 0) return std::nullopt;
-  Mantissa m = mantissa_;
+  Mantissa m = mantissa();
   for (int k = 0; k < exponent_; ++k) {
     if (m > kMaxMantissa / 10) return std::nullopt;
     m *= 10;
@@ -283,18 +284,18 @@ std::strong_ordering Decimal::compare(const Decimal& other) const {
     if (nan_ && other.nan_) return std::strong_ordering::equal;
     return nan_ ? std::strong_ordering::less : std::strong_ordering::greater;
   }
-  const int sa = mantissa_ == 0 ? 0 : (negative_ ? -1 : 1);
-  const int sb = other.mantissa_ == 0 ? 0 : (other.negative_ ? -1 : 1);
+  const int sa = mantissa() == 0 ? 0 : (negative_ ? -1 : 1);
+  const int sb = other.mantissa() == 0 ? 0 : (other.negative_ ? -1 : 1);
   if (sa != sb) return sa <=> sb;
   if (sa == 0) return std::strong_ordering::equal;
   // Same sign: compare magnitudes, then flip for negatives.
   std::strong_ordering magnitude = std::strong_ordering::equal;
-  const int adjA = digitCount(mantissa_) + exponent_;
-  const int adjB = digitCount(other.mantissa_) + other.exponent_;
+  const int adjA = digitCount(mantissa()) + exponent_;
+  const int adjB = digitCount(other.mantissa()) + other.exponent_;
   if (adjA != adjB) {
     magnitude = adjA <=> adjB;
   } else {
-    Mantissa a = mantissa_, b = other.mantissa_;
+    Mantissa a = mantissa(), b = other.mantissa();
     bool aOverflow = false, bOverflow = false;
     for (int k = exponent_; k > other.exponent_ && !aOverflow; --k) aOverflow = !mulAdd10(&a, 0);
     for (int k = other.exponent_; k > exponent_ && !bOverflow; --k) bOverflow = !mulAdd10(&b, 0);
@@ -313,8 +314,8 @@ std::strong_ordering Decimal::compare(const Decimal& other) const {
 size_t Decimal::hash() const {
   if (nan_) return 0x9e3779b97f4a7c15ULL;
   // The representation is normalised (no trailing zeros), so equal values share it.
-  const uint64_t lo = static_cast<uint64_t>(mantissa_);
-  const uint64_t hi = static_cast<uint64_t>(mantissa_ >> 64);
+  const uint64_t lo = low_;
+  const uint64_t hi = high_;
   uint64_t h = lo * 0x9e3779b97f4a7c15ULL;
   h ^= hi + 0x517cc1b727220a95ULL + (h << 6) + (h >> 2);
   h ^= static_cast<uint64_t>(static_cast<int64_t>(exponent_)) * 0xbf58476d1ce4e5b9ULL;

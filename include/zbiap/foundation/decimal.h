@@ -41,8 +41,8 @@ class Decimal {
 
   bool isNaN() const { return nan_; }
   bool isNegative() const { return negative_; }
-  bool isZero() const { return !nan_ && mantissa_ == 0; }
-  Mantissa mantissa() const { return mantissa_; }
+  bool isZero() const { return !nan_ && low_ == 0 && high_ == 0; }
+  Mantissa mantissa() const { return (static_cast<Mantissa>(high_) << 64) | low_; }
   int exponent() const { return exponent_; }
 
   // Plain notation, no exponent, no trailing zeros after the point: "9.99", "-0.5", "1000",
@@ -63,7 +63,9 @@ class Decimal {
   size_t hash() const;
 
  private:
-  Mantissa mantissa_ = 0;
+  // The mantissa in two halves: 8-byte alignment keeps Decimal, and Value, small.
+  uint64_t low_ = 0;
+  uint64_t high_ = 0;
   int exponent_ = 0;
   bool negative_ = false;
   bool nan_ = false;
