@@ -294,6 +294,9 @@ TEST_F(StoreAppleTest, RestoreResults) {
 }
 
 TEST_F(StoreAppleTest, RestoreWithoutCompletionDoesNotBlockAndKeepsItsReference) {
+  // This store is kept alive for good by design; its receipts go elsewhere so that it never
+  // watches a file of this test after the test ends.
+  simulator_->setReceiptURL(platform_.makeTempDir("elsewhere") / "receipt");
   auto store = makeStore();
   store->restorePurchasesWithCompletion(nullptr);
   bool called = false;
@@ -305,6 +308,9 @@ TEST_F(StoreAppleTest, RestoreWithoutCompletionDoesNotBlockAndKeepsItsReference)
   platform_.runUntilIdle();
   EXPECT_TRUE(called);
   EXPECT_EQ(store->retainCount(), 1u) << "a restore without completion is never released";
+  std::weak_ptr<ZBIAPStoreApple> weak = store;
+  store.reset();
+  EXPECT_FALSE(weak.expired());
 }
 
 TEST_F(StoreAppleTest, ReceiptRefresh) {
