@@ -1,0 +1,238 @@
+#include "zbiap/devserver/account_server.h"
+
+// The same configuration as Debian's compiled cpp-httplib (its pkg-config flags), so that the
+// library's types have the layout this code sees.
+#ifndef CPPHTTPLIB_OPENSSL_SUPPORT
+#define CPPHTTPLIB_OPENSSL_SUPPORT
+#endif
+#ifndef CPPHTTPLIB_ZLIB_SUPPORT
+#define CPPHTTPLIB_ZLIB_SUPPORT
+#endif
+#ifndef CPPHTTPLIB_BROTLI_SUPPORT
+#define CPPHTTPLIB_BROTLI_SUPPORT
+#endif
+#include <httplib.h>
+#include <strings.h>
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "zbiap/foundation/json.h"
+#include "zbiap/foundation/value.h"
+
+namespace zbiap {
+namespace {
+
+constexpr char kProductsPath[] = "v1/users/products";
+constexpr char kBearerPrefix[] = "Bearer ";
+
+struct Account {
+  std::vector<AccountServer::Product> products;
+  std::optional<bool> isExistingCustomer;
+};
+
+struct Scripted {
+  int status;
+  std::string body;
+  std::string contentType;
+};
+
+std::string accountBody(const Account& account) {
+  Array products;
+  products.reserve(account.products.size());
+  for (const AccountServer::Product& product : account.products) {
+    Dictionary entry{{"product_identifier", Value(product.productIdentifier)},
+                     {"purchased_at", Value(product.purchasedAt)}};
+    if (product.validUntil) entry.set("valid_until", Value(*product.validUntil));
+    products.emplace_back(std::move(entry));
+  }
+  Dictionary body{{"products", Value(std::move(products))}};
+  if (account.isExistingCustomer) {
+    body.set("is_existing_customer", Value(*account.isExistingCustomer));
+  }
+  return toJSON(Value(std::move(body)));
+}
+
+std::optional<std::string> bearerToken(const httplib::Request& request) {
+  if (!request.has_header("Authorization")) return std::nullopt;
+  std::string value = request.get_header_value("Authorization");
+  size_t prefix = sizeof(kBearerPrefix) - 1;
+  if (value.size() < prefix || strncasecmp(value.c_str(), kBearerPrefix, prefix) != 0) {
+    return std::nullopt;
+  }
+  return value.substr(prefix);
+}
+
+}  // namespace
+
+class AccountServer::Impl {
+ public:
+  explicit Impl(std::string basePath) : basePath_(std::move(basePath)) {
+    if (basePath_.empty() || basePath_.front() != '/') basePath_.insert(0, "/");
+    if (basePath_.back() != '/') basePath_ += '/';
+    server_.Get(basePath_ + kProductsPath,
+                [this](const httplib::Request& request, httplib::Response& response) {
+                  serve(request, response);
+                });
+  }
+
+  ~Impl() { stop(); }
+
+  bool start(int port) {
+    if (port_ > 0) return true;
+    if (port == 0) {
+      port_ = server_.bind_to_any_port("127.0.0.1");
+    } else {
+      port_ = server_.bind_to_port("127.0.0.1", port) ? port : -1;
+    }
+    if (port_ <= 0) return false;
+    thread_ = std::thread([this] {
+      server_.listen_after_bind();
+      listenReturned_ = true;
+    });
+    return true;
+  }
+
+  void stop() {
+    if (!thread_.joinable()) return;
+    // stop() is a no-op until the accept loop runs, so wait for it to be up (or to have failed).
+    while (!server_.is_running() && !listenReturned_) std::this_thread::yield();
+    server_.stop();
+    thread_.join();
+  }
+
+  int port() const { return port_; }
+  const std::string& basePath() const { return basePath_; }
+
+  void serve(const httplib::Request& request, httplib::Response& response) {
+    Request seen;
+    seen.method = request.method;
+    seen.path = request.path;
+    for (const auto& [name, value] : request.headers) seen.headers.emplace_back(name, value);
+    seen.token = bearerToken(request);
+
+    std::lock_guard lock(mu_);
+    if (!scripted_.empty()) {
+      Scripted answer = std::move(scripted_.front());
+      scripted_.pop_front();
+      response.status = answer.status;
+      if (!answer.body.empty() || !answer.contentType.empty()) {
+        response.set_content(answer.body, answer.contentType);
+      }
+    } else if (auto found = seen.token ? accounts_.find(*seen.token) : accounts_.end();
+               found != accounts_.end()) {
+      response.status = 200;
+      response.set_content(accountBody(found->second), "application/json");
+    } else {
+      response.status = 401;
+      response.set_header("WWW-Authenticate", "Bearer");
+      response.set_content(R"({"error":"unauthorized"})", "application/json");
+    }
+    seen.status = response.status;
+    requests_.push_back(std::move(seen));
+  }
+
+  mutable std::mutex mu_;
+  std::map<std::string, Account> accounts_;
+  std::deque<Scripted> scripted_;
+  std::vector<Request> requests_;
+
+ private:
+  std::string basePath_;
+  httplib::Server server_;
+  std::thread thread_;
+  std::atomic<bool> listenReturned_{false};
+  int port_ = -1;
+};
+
+AccountServer::Product AccountServer::Product::make(std::string productIdentifier, Date purchasedAt,
+                                                    std::optional<Date> validUntil) {
+  Product product{std::move(productIdentifier), rfc3339(purchasedAt), std::nullopt};
+  if (validUntil) product.validUntil = rfc3339(*validUntil);
+  return product;
+}
+
+std::optional<std::string> AccountServer::Request::header(std::string_view name) const {
+  for (const auto& [key, value] : headers) {
+    if (key.size() == name.size() && strncasecmp(key.data(), name.data(), name.size()) == 0) {
+      return value;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string AccountServer::rfc3339(Date date) {
+  // Foundation's description is "yyyy-MM-dd HH:mm:ss +0000", always in UTC.
+  std::string text = date.description();
+  return text.substr(0, 10) + "T" + text.substr(11, 8) + "Z";
+}
+
+AccountServer::AccountServer(std::string basePath)
+    : impl_(std::make_unique<Impl>(std::move(basePath))) {}
+
+AccountServer::~AccountServer() = default;
+
+bool AccountServer::start(int port) { return impl_->start(port); }
+void AccountServer::stop() { impl_->stop(); }
+int AccountServer::port() const { return impl_->port(); }
+
+std::string AccountServer::baseURL() const {
+  return "http://127.0.0.1:" + std::to_string(impl_->port()) + impl_->basePath();
+}
+
+void AccountServer::setProducts(const std::string& token, std::vector<Product> products) {
+  std::lock_guard lock(impl_->mu_);
+  impl_->accounts_[token].products = std::move(products);
+}
+
+void AccountServer::addProduct(const std::string& token, Product product) {
+  std::lock_guard lock(impl_->mu_);
+  impl_->accounts_[token].products.push_back(std::move(product));
+}
+
+void AccountServer::setExistingCustomer(const std::string& token, std::optional<bool> flag) {
+  std::lock_guard lock(impl_->mu_);
+  impl_->accounts_[token].isExistingCustomer = flag;
+}
+
+void AccountServer::removeAccount(const std::string& token) {
+  std::lock_guard lock(impl_->mu_);
+  impl_->accounts_.erase(token);
+}
+
+std::optional<std::string> AccountServer::bodyForToken(const std::string& token) const {
+  std::lock_guard lock(impl_->mu_);
+  auto found = impl_->accounts_.find(token);
+  if (found == impl_->accounts_.end()) return std::nullopt;
+  return accountBody(found->second);
+}
+
+void AccountServer::enqueueResponse(int status, std::string body, std::string contentType) {
+  std::lock_guard lock(impl_->mu_);
+  impl_->scripted_.push_back({status, std::move(body), std::move(contentType)});
+}
+
+size_t AccountServer::pendingResponses() const {
+  std::lock_guard lock(impl_->mu_);
+  return impl_->scripted_.size();
+}
+
+std::vector<AccountServer::Request> AccountServer::requests() const {
+  std::lock_guard lock(impl_->mu_);
+  return impl_->requests_;
+}
+
+size_t AccountServer::requestCount() const {
+  std::lock_guard lock(impl_->mu_);
+  return impl_->requests_.size();
+}
+
+void AccountServer::clearRequests() {
+  std::lock_guard lock(impl_->mu_);
+  impl_->requests_.clear();
+}
+
+}  // namespace zbiap
