@@ -10,13 +10,15 @@ namespace zbiap::testing {
 namespace {
 
 using std::chrono::seconds;
-using StartupTest = ManagerTest;
 
-const std::vector<Dictionary> kTwoProducts = {productDictionary("com.example.a", "A"),
-                                              productDictionary("com.example.b", "B")};
+class StartupTest : public ManagerTest {
+ protected:
+  const std::vector<Dictionary> twoProducts_ = {productDictionary("com.example.a", "A"),
+                                                productDictionary("com.example.b", "B")};
+};
 
 TEST_F(StartupTest, WithoutSavedCatalogueTheBundleMakesItReadyAtOnce) {
-  fetcher_->setBundle(FakeFetcher::succeed(makeResponse(kTwoProducts)));
+  fetcher_->setBundle(FakeFetcher::succeed(makeResponse(twoProducts_)));
   auto manager = makeManager();
   commit();
 
@@ -48,14 +50,14 @@ TEST_F(StartupTest, WithoutSavedCatalogueTheBundleMakesItReadyAtOnce) {
   EXPECT_EQ(manager->appStoreCountry(), "DE");
   EXPECT_EQ(fetcher_->fetchCount(), 2u);
   EXPECT_EQ(manager->queryCounter(), 2);
-  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(kTwoProducts)));
+  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(twoProducts_)));
   EXPECT_EQ(logCount("Successfully queried Dynamic Product Infos: no change."), 2u);
   EXPECT_EQ(manager->queryCounter(), 0);
   EXPECT_EQ(manager->state(), ZBIAPManagerStateReadyProductInfos);
 }
 
 TEST_F(StartupTest, WithSavedCatalogueItStaysConfiguringUntilTheFirstQueryEnds) {
-  saveCatalogue(kTwoProducts);
+  saveCatalogue(twoProducts_);
   store_->scriptCountry(Answer::kAtOnce, "DE");
   auto manager = makeManager();
   commit();
@@ -68,7 +70,7 @@ TEST_F(StartupTest, WithSavedCatalogueItStaysConfiguringUntilTheFirstQueryEnds) 
   EXPECT_EQ(fetcher_->fetchCount(), 1u);
   EXPECT_EQ(manager->queryCounter(), 1);
 
-  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(kTwoProducts)));
+  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(twoProducts_)));
   EXPECT_TRUE(logged("Successfully queried Dynamic Product Infos: no change."));
   EXPECT_EQ(manager->state(), ZBIAPManagerStateReadyProductInfos);
   EXPECT_EQ(manager->queryCounter(), 0);
@@ -82,7 +84,7 @@ TEST_F(StartupTest, WithSavedCatalogueItStaysConfiguringUntilTheFirstQueryEnds) 
 }
 
 TEST_F(StartupTest, ChangedCatalogueInStateOneIsSavedButAnnouncedByTheStateChange) {
-  saveCatalogue(kTwoProducts);
+  saveCatalogue(twoProducts_);
   store_->scriptCountry(Answer::kAtOnce, "DE");
   store_->addProducts({FakeStore::makeProduct("com.example.c")});
   fetcher_->setDefault(FakeFetcher::succeed(makeResponse({productDictionary("com.example.c")})));
@@ -119,7 +121,7 @@ TEST_F(StartupTest, FailedBundleLoadIsLoggedAndStartUpGoesOn) {
 }
 
 TEST_F(StartupTest, SilentStoreIsTimedOutSoftlyAndALateAnswerStillCounts) {
-  saveCatalogue(kTwoProducts);
+  saveCatalogue(twoProducts_);
   auto manager = makeManager();
   commit();
   EXPECT_EQ(manager->queryCounter(), 1);
@@ -133,7 +135,7 @@ TEST_F(StartupTest, SilentStoreIsTimedOutSoftlyAndALateAnswerStillCounts) {
   EXPECT_TRUE(logged("Querying the store country failed with error: "));
   EXPECT_EQ(fetcher_->fetchCount(), 1u);
   EXPECT_EQ(manager->queryCounter(), 1);  // the country query's count is gone
-  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(kTwoProducts)));
+  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(twoProducts_)));
   EXPECT_EQ(manager->queryCounter(), 0);
   EXPECT_TRUE(manager->isReady());
 
@@ -143,14 +145,14 @@ TEST_F(StartupTest, SilentStoreIsTimedOutSoftlyAndALateAnswerStillCounts) {
   EXPECT_EQ(manager->appStoreCountry(), "FR");
   EXPECT_EQ(fetcher_->fetchCount(), 2u);
   EXPECT_EQ(manager->queryCounter(), 1);
-  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(kTwoProducts)));
+  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(twoProducts_)));
   EXPECT_EQ(manager->queryCounter(), 0);
   advance(seconds(600));
   EXPECT_EQ(fetcher_->fetchCount(), 2u);
 }
 
 TEST_F(StartupTest, CountryErrorEndsTheStepAndTheTimeOutLaterDoesNothing) {
-  saveCatalogue(kTwoProducts);
+  saveCatalogue(twoProducts_);
   store_->scriptCountry(Answer::kAtOnce, std::nullopt, makeStoreError(ZBIAPStoreErrorOther));
   auto manager = makeManager();
   commit();
@@ -164,7 +166,7 @@ TEST_F(StartupTest, CountryErrorEndsTheStepAndTheTimeOutLaterDoesNothing) {
 }
 
 TEST_F(StartupTest, KnownCountrySkipsTheStoreQuery) {
-  saveCatalogue(kTwoProducts);
+  saveCatalogue(twoProducts_);
   auto manager = makeManager();
   manager->updateCountryCode("DE");  // state 0: kept, nothing started
   EXPECT_EQ(fetcher_->fetchCount(), 0u);
@@ -180,11 +182,11 @@ TEST_F(StartupTest, KnownCountrySkipsTheStoreQuery) {
 }
 
 TEST_F(StartupTest, FailedQueryStillMakesItReadyAndIsRetriedEverySixtySeconds) {
-  saveCatalogue(kTwoProducts);
+  saveCatalogue(twoProducts_);
   store_->scriptCountry(Answer::kAtOnce, "DE");
   fetcher_->enqueue(FakeFetcher::fail(ZBIAPError::make("ZBIAPErrorDomain", 1)));
   fetcher_->enqueue(FakeFetcher::fail(nullptr));
-  fetcher_->setDefault(FakeFetcher::succeed(makeResponse(kTwoProducts)));
+  fetcher_->setDefault(FakeFetcher::succeed(makeResponse(twoProducts_)));
   auto manager = makeManager();
   commit();
   EXPECT_TRUE(logged("Error querying Dynamic Product Infos: Error Domain=ZBIAPErrorDomain"));
@@ -205,7 +207,7 @@ TEST_F(StartupTest, FailedQueryStillMakesItReadyAndIsRetriedEverySixtySeconds) {
 }
 
 TEST_F(StartupTest, CommitOffTheMainThreadHappensOnItAndASecondCommitOnlyLogs) {
-  saveCatalogue(kTwoProducts);
+  saveCatalogue(twoProducts_);
   auto manager = makeManager();
   std::thread([&] { manager->commitConfiguration(); }).join();
   EXPECT_EQ(manager->state(), ZBIAPManagerStateNotConfigured);
@@ -220,7 +222,7 @@ TEST_F(StartupTest, CommitOffTheMainThreadHappensOnItAndASecondCommitOnlyLogs) {
 }
 
 TEST_F(StartupTest, AnswersFromOtherThreadsAreHandledOnTheMainQueue) {
-  saveCatalogue(kTwoProducts);
+  saveCatalogue(twoProducts_);
   store_->scriptCountry(Answer::kOnOtherThread, "DE");
   store_->scriptProducts(Answer::kOnOtherThread);
   store_->addProducts({FakeStore::makeProduct("com.example.a")});
@@ -236,7 +238,7 @@ TEST_F(StartupTest, AnswersFromOtherThreadsAreHandledOnTheMainQueue) {
 }
 
 TEST_F(StartupTest, ObserversOfStateReadyAndQueryingAreTold) {
-  saveCatalogue(kTwoProducts);
+  saveCatalogue(twoProducts_);
   store_->scriptCountry(Answer::kAtOnce, "DE");
   auto manager = makeManager();
   std::vector<int64_t> states;
@@ -251,7 +253,7 @@ TEST_F(StartupTest, ObserversOfStateReadyAndQueryingAreTold) {
   tokens_.push_back(manager->queryCounterObservers().observe(
       [&](int64_t, int64_t count) { counts.push_back(count); }));
   commit();
-  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(kTwoProducts)));
+  fetcher_->answerPending(FakeFetcher::succeed(makeResponse(twoProducts_)));
 
   EXPECT_EQ(states, (std::vector<int64_t>{1, 3}));
   EXPECT_EQ(ready, (std::vector<bool>{false, true}));
