@@ -1,0 +1,357 @@
+#include "zbiap/devserver/catalog_server.h"
+
+// The same configuration as Debian's compiled cpp-httplib (its pkg-config flags), so that the
+// library's types have the layout this code sees.
+#ifndef CPPHTTPLIB_OPENSSL_SUPPORT
+#define CPPHTTPLIB_OPENSSL_SUPPORT
+#endif
+#ifndef CPPHTTPLIB_ZLIB_SUPPORT
+#define CPPHTTPLIB_ZLIB_SUPPORT
+#endif
+#ifndef CPPHTTPLIB_BROTLI_SUPPORT
+#define CPPHTTPLIB_BROTLI_SUPPORT
+#endif
+#include <httplib.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
+#include <strings.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <thread>
+
+#include "catalog/base64.h"
+#include "catalog/oauth1_signer.h"
+#include "zbiap/foundation/json.h"
+
+namespace zbiap {
+namespace {
+
+// Matches also the double slash of a base URL given with a trailing slash.
+constexpr char kCatalogRoute[] = R"(/+api/v1/in_app_purchases/products_description)";
+constexpr char kSignatureHeader[] = "X-Tessil-Signature";
+constexpr size_t kKeptRequests = 256;
+
+std::string randomHex(size_t bytes) {
+  std::vector<uint8_t> random(bytes);
+  if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) return {};
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string text;
+  for (uint8_t byte : random) {
+    text.push_back(kHex[byte >> 4]);
+    text.push_back(kHex[byte & 15]);
+  }
+  return text;
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// RFC 3986 percent-decoding; nullopt for a "%" not followed by two hex digits.
+std::optional<std::string> percentDecode(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      out.push_back(text[i]);
+      continue;
+    }
+    if (i + 2 >= text.size()) return std::nullopt;
+    int high = hexDigit(text[i + 1]);
+    int low = hexDigit(text[i + 2]);
+    if (high < 0 || low < 0) return std::nullopt;
+    out.push_back(static_cast<char>(high * 16 + low));
+    i += 2;
+  }
+  return out;
+}
+
+void skipSpaces(std::string_view& text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+}
+
+// The parameters of an "OAuth" Authorization header (RFC 5849 3.5.1): name="value" pairs
+// separated by commas, both percent-encoded. nullopt when the header is not of that form.
+std::optional<OAuthParameters> parseAuthorization(std::string_view header) {
+  skipSpaces(header);
+  if (header.size() < 6 || strncasecmp(header.data(), "OAuth ", 6) != 0) return std::nullopt;
+  header.remove_prefix(6);
+  OAuthParameters parameters;
+  for (;;) {
+    skipSpaces(header);
+    if (header.empty()) break;
+    size_t equals = header.find('=');
+    if (equals == std::string_view::npos) return std::nullopt;
+    auto name = percentDecode(header.substr(0, equals));
+    header.remove_prefix(equals + 1);
+    if (header.empty() || header.front() != '"') return std::nullopt;
+    size_t close = header.find('"', 1);
+    if (close == std::string_view::npos) return std::nullopt;
+    auto value = percentDecode(header.substr(1, close - 1));
+    header.remove_prefix(close + 1);
+    if (!name || !value || name->empty()) return std::nullopt;
+    parameters.emplace_back(std::move(*name), std::move(*value));
+    skipSpaces(header);
+    if (header.empty()) break;
+    if (header.front() != ',') return std::nullopt;
+    header.remove_prefix(1);
+  }
+  return parameters;
+}
+
+bool isFormEncoded(const httplib::Request& request) {
+  std::string type = request.get_header_value("Content-Type");
+  type = type.substr(0, type.find(';'));
+  std::erase(type, ' ');
+  return strcasecmp(type.c_str(), "application/x-www-form-urlencoded") == 0;
+}
+
+// Empty when `request` is signed by the consumer (with any token and an empty token secret);
+// else why not.
+std::string checkOAuth(const httplib::Request& request, const std::string& url,
+                       const std::string& consumerKey, const std::string& consumerSecret) {
+  if (!request.has_header("Authorization")) return "no Authorization header";
+  auto header = parseAuthorization(request.get_header_value("Authorization"));
+  if (!header) return "the Authorization header is not OAuth parameters";
+  OAuthParameters signedParameters;
+  std::optional<std::string> signature, key, method, nonce, timestamp;
+  for (auto& [name, value] : *header) {
+    std::optional<std::string>* slot = nullptr;
+    if (name == "oauth_signature") slot = &signature;
+    if (name == "oauth_consumer_key") slot = &key;
+    if (name == "oauth_signature_method") slot = &method;
+    if (name == "oauth_nonce") slot = &nonce;
+    if (name == "oauth_timestamp") slot = &timestamp;
+    if (slot != nullptr) {
+      if (*slot) return "oauth parameter " + name + " given twice";
+      *slot = value;
+    }
+    if (name == "oauth_version" && value != "1.0") return "oauth_version is not 1.0";
+    if (name != "oauth_signature" && name != "realm") signedParameters.emplace_back(name, value);
+  }
+  if (!signature || !key || !method || !nonce || !timestamp) {
+    return "oauth_consumer_key, oauth_signature_method, oauth_nonce, oauth_timestamp or "
+           "oauth_signature is missing";
+  }
+  if (*key != consumerKey) return "unknown consumer key";
+  if (*method != "HMAC-SHA1") return "signature method is not HMAC-SHA1";
+  if (isFormEncoded(request)) {
+    OAuthParameters form = parseFormURLEncoded(request.body);
+    signedParameters.insert(signedParameters.end(), form.begin(), form.end());
+  }
+  auto baseString = oauthSignatureBaseString(request.method, url, signedParameters);
+  if (!baseString) return "the request URL cannot be signed";
+  std::string expected = oauthHMACSHA1Signature(*baseString, consumerSecret, "");
+  if (expected.empty() || expected.size() != signature->size() ||
+      CRYPTO_memcmp(expected.data(), signature->data(), expected.size()) != 0) {
+    return "signature does not match";
+  }
+  return {};
+}
+
+std::string jsonError(const std::string& message) {
+  return toJSON(Value(Dictionary{{"error", Value(message)}}));
+}
+
+}  // namespace
+
+class CatalogServer::Impl {
+ public:
+  Impl(std::string consumerKey, std::string consumerSecret, EVP_PKEY* key)
+      : consumerKey_(std::move(consumerKey)),
+        consumerSecret_(std::move(consumerSecret)),
+        key_(key),
+        catalog_(exampleCatalog()) {
+    unsigned char* der = nullptr;
+    int length = i2d_PublicKey(key_, &der);
+    if (length > 0) publicKey_ = base64Encode(std::span<const uint8_t>(der, length));
+    OPENSSL_free(der);
+    server_.Post(kCatalogRoute, [this](const httplib::Request& request,
+                                       httplib::Response& response) { serve(request, response); });
+  }
+
+  ~Impl() {
+    stop();
+    EVP_PKEY_free(key_);
+  }
+
+  bool valid() const { return !publicKey_.empty(); }
+
+  bool start(int port) {
+    std::lock_guard lock(lifecycle_);
+    if (port_ > 0) return true;
+    if (port == 0) {
+      port_ = server_.bind_to_any_port("127.0.0.1");
+    } else {
+      port_ = server_.bind_to_port("127.0.0.1", port) ? port : -1;
+    }
+    if (port_ <= 0) {
+      port_ = -1;
+      return false;
+    }
+    listenReturned_ = false;
+    thread_ = std::thread([this] {
+      server_.listen_after_bind();
+      listenReturned_ = true;
+    });
+    return true;
+  }
+
+  void stop() {
+    std::lock_guard lock(lifecycle_);
+    if (!thread_.joinable()) return;
+    // stop() is a no-op until the accept loop runs, so wait for it to be up (or to have failed).
+    while (!server_.is_running() && !listenReturned_) std::this_thread::yield();
+    server_.stop();
+    thread_.join();
+  }
+
+  int port() const {
+    std::lock_guard lock(lifecycle_);
+    return port_;
+  }
+
+  std::string sign(std::string_view body) const {
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    size_t length = 0;
+    std::vector<uint8_t> signature;
+    auto bytes = reinterpret_cast<const uint8_t*>(body.data());
+    if (context != nullptr &&
+        EVP_DigestSignInit(context, nullptr, EVP_sha256(), nullptr, key_) == 1 &&
+        EVP_DigestSign(context, nullptr, &length, bytes, body.size()) == 1) {
+      signature.resize(length);
+      if (EVP_DigestSign(context, signature.data(), &length, bytes, body.size()) == 1) {
+        signature.resize(length);
+      } else {
+        signature.clear();
+      }
+    }
+    EVP_MD_CTX_free(context);
+    return base64Encode(signature);
+  }
+
+  void serve(const httplib::Request& request, httplib::Response& response) {
+    Request seen;
+    seen.method = request.method;
+    seen.target = request.target;
+    seen.body = request.body;
+    std::string host = request.get_header_value("Host");
+    if (host.empty()) host = "127.0.0.1:" + std::to_string(port());
+    seen.rejection =
+        checkOAuth(request, "http://" + host + request.target, consumerKey_, consumerSecret_);
+    seen.authorized = seen.rejection.empty();
+    if (seen.authorized) {
+      std::string body = catalog();
+      response.status = 200;
+      response.set_header(kSignatureHeader, sign(body));
+      response.set_content(std::move(body), "application/json");
+    } else {
+      response.status = 401;
+      response.set_header("WWW-Authenticate", R"(OAuth realm="zbiap")");
+      response.set_content(jsonError(seen.rejection), "application/json");
+    }
+    seen.status = response.status;
+    std::lock_guard lock(mu_);
+    ++requestCount_;
+    requests_.push_back(std::move(seen));
+    if (requests_.size() > kKeptRequests) requests_.pop_front();
+  }
+
+  std::string catalog() const {
+    std::lock_guard lock(mu_);
+    return catalog_;
+  }
+
+  const std::string consumerKey_;
+  const std::string consumerSecret_;
+  EVP_PKEY* const key_;
+  std::string publicKey_;
+
+  mutable std::mutex mu_;  // guards catalog_, requests_ and requestCount_
+  std::string catalog_;
+  std::deque<Request> requests_;
+  size_t requestCount_ = 0;
+
+ private:
+  mutable std::mutex lifecycle_;  // guards port_ and thread_
+  httplib::Server server_;
+  std::thread thread_;
+  std::atomic<bool> listenReturned_{false};
+  int port_ = -1;
+};
+
+std::unique_ptr<CatalogServer> CatalogServer::create(std::optional<std::string> consumerKey,
+                                                     std::optional<std::string> consumerSecret) {
+  if (consumerKey && consumerKey->empty()) return nullptr;
+  std::string key = consumerKey ? std::move(*consumerKey) : "dev-" + randomHex(8);
+  std::string secret = consumerSecret ? std::move(*consumerSecret) : randomHex(16);
+  if (key == "dev-" || (!consumerSecret && secret.empty())) return nullptr;
+  EVP_PKEY* rsa = EVP_RSA_gen(2048);
+  if (rsa == nullptr) return nullptr;
+  auto impl = std::make_unique<Impl>(std::move(key), std::move(secret), rsa);
+  if (!impl->valid()) return nullptr;
+  return std::unique_ptr<CatalogServer>(new CatalogServer(std::move(impl)));
+}
+
+CatalogServer::CatalogServer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+CatalogServer::~CatalogServer() = default;
+
+bool CatalogServer::setCatalog(std::string json, std::string* error) {
+  std::string reason;
+  if (!parseJSON(json, &reason)) {
+    if (error != nullptr) *error = "not JSON: " + reason;
+    return false;
+  }
+  std::lock_guard lock(impl_->mu_);
+  impl_->catalog_ = std::move(json);
+  return true;
+}
+
+bool CatalogServer::loadCatalogFile(const std::string& path, std::string* error) {
+  std::error_code ignored;
+  std::ifstream in;
+  if (!std::filesystem::is_directory(path, ignored)) in.open(path, std::ios::binary);
+  std::string text;
+  if (in.is_open()) {
+    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  if (!in.is_open() || in.bad()) {
+    if (error != nullptr) *error = "cannot read " + path;
+    return false;
+  }
+  return setCatalog(std::move(text), error);
+}
+
+std::string CatalogServer::catalog() const { return impl_->catalog(); }
+bool CatalogServer::start(int port) { return impl_->start(port); }
+void CatalogServer::stop() { impl_->stop(); }
+int CatalogServer::port() const { return impl_->port(); }
+std::string CatalogServer::baseURL() const {
+  return "http://127.0.0.1:" + std::to_string(impl_->port());
+}
+const std::string& CatalogServer::consumerKey() const { return impl_->consumerKey_; }
+const std::string& CatalogServer::consumerSecret() const { return impl_->consumerSecret_; }
+const std::string& CatalogServer::publicKeyBase64() const { return impl_->publicKey_; }
+std::string CatalogServer::sign(std::string_view body) const { return impl_->sign(body); }
+
+std::vector<CatalogServer::Request> CatalogServer::requests() const {
+  std::lock_guard lock(impl_->mu_);
+  return {impl_->requests_.begin(), impl_->requests_.end()};
+}
+
+size_t CatalogServer::requestCount() const {
+  std::lock_guard lock(impl_->mu_);
+  return impl_->requestCount_;
+}
+
+}  // namespace zbiap

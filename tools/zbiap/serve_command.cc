@@ -1,0 +1,147 @@
+// zbiap serve [--catalog FILE] [--port N]: runs the development catalogue server on 127.0.0.1
+// and prints what a host app's fetcher needs: the base URL, the consumer key and secret, and the
+// base64 PKCS #1 public key that verifies the answers. Serves until SIGINT or SIGTERM, printing a
+// line per request on standard error. Exit 2 on bad usage, 1 when the catalogue cannot be read or
+// is not JSON or the port cannot be bound.
+#include <pthread.h>
+#include <signal.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <string>
+
+#include "commands.h"
+#include "zbiap/devserver/catalog_server.h"
+
+namespace zbiap::cli {
+namespace {
+
+constexpr char kUsage[] = "usage: zbiap serve [--catalog FILE] [--port N]\n";
+
+struct Options {
+  std::string catalog;
+  int port = 0;
+};
+
+// False on bad usage, with the reason printed.
+bool parseOptions(const Args& args, Options& options) {
+  for (size_t i = 0; i < args.size(); ++i) {
+    std::string name = args[i];
+    std::string value;
+    bool hasValue = false;
+    if (size_t equals = name.find('='); name.rfind("--", 0) == 0 && equals != std::string::npos) {
+      value = name.substr(equals + 1);
+      name.resize(equals);
+      hasValue = true;
+    }
+    if (name != "--catalog" && name != "--port") {
+      std::fprintf(stderr, "zbiap serve: unknown argument '%s'\n", args[i].c_str());
+      return false;
+    }
+    if (!hasValue) {
+      if (i + 1 == args.size()) {
+        std::fprintf(stderr, "zbiap serve: %s needs a value\n", name.c_str());
+        return false;
+      }
+      value = args[++i];
+    }
+    if (name == "--catalog") {
+      if (value.empty()) {
+        std::fprintf(stderr, "zbiap serve: --catalog needs a file\n");
+        return false;
+      }
+      options.catalog = value;
+    } else {
+      int port = -1;
+      auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), port);
+      if (error != std::errc() || end != value.data() + value.size() || port < 0 || port > 65535) {
+        std::fprintf(stderr, "zbiap serve: --port wants a number from 0 to 65535, not '%s'\n",
+                     value.c_str());
+        return false;
+      }
+      options.port = port;
+    }
+  }
+  return true;
+}
+
+void printNewRequests(const CatalogServer& server, size_t& printed) {
+  size_t count = server.requestCount();
+  if (count == printed) return;
+  auto requests = server.requests();
+  size_t fresh = std::min(count - printed, requests.size());
+  for (size_t i = requests.size() - fresh; i < requests.size(); ++i) {
+    const auto& request = requests[i];
+    std::fprintf(stderr, "%s %s -> %d%s%s\n", request.method.c_str(), request.target.c_str(),
+                 request.status, request.authorized ? "" : " (OAuth: ",
+                 request.authorized ? "" : (request.rejection + ")").c_str());
+  }
+  printed = count;
+}
+
+int runServe(const Args& args) {
+  Options options;
+  if (!parseOptions(args, options)) {
+    std::fputs(kUsage, stderr);
+    return 2;
+  }
+  auto server = CatalogServer::create();
+  if (server == nullptr) {
+    std::fprintf(stderr, "zbiap serve: cannot make the server's RSA key\n");
+    return 1;
+  }
+  if (!options.catalog.empty()) {
+    std::string error;
+    if (!server->loadCatalogFile(options.catalog, &error)) {
+      std::fprintf(stderr, "zbiap serve: %s: %s\n", options.catalog.c_str(), error.c_str());
+      return 1;
+    }
+  }
+
+  // The signals are taken by sigtimedwait below, on this thread only: block them before the
+  // server's threads start so that they inherit the mask.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  sigset_t previous;
+  pthread_sigmask(SIG_BLOCK, &stopSignals, &previous);
+
+  if (!server->start(options.port)) {
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    std::fprintf(stderr, "zbiap serve: cannot listen on 127.0.0.1:%d\n", options.port);
+    return 1;
+  }
+  std::printf("Catalogue server listening on %s\n", server->baseURL().c_str());
+  std::printf("  catalogue:       %s\n",
+              options.catalog.empty() ? "built-in example" : options.catalog.c_str());
+  std::printf("  base URL:        %s\n", server->baseURL().c_str());
+  std::printf("  consumer key:    %s\n", server->consumerKey().c_str());
+  std::printf("  consumer secret: %s\n", server->consumerSecret().c_str());
+  std::printf("  public key:      %s\n", server->publicKeyBase64().c_str());
+  std::printf("Press Ctrl-C to stop.\n");
+  std::fflush(stdout);
+
+  size_t printed = 0;
+  int received = -1;
+  while (received < 0) {
+    timespec interval{0, 200 * 1000 * 1000};
+    received = sigtimedwait(&stopSignals, nullptr, &interval);
+    if (received < 0 && errno != EAGAIN && errno != EINTR) break;
+    printNewRequests(*server, printed);
+  }
+  server->stop();
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  std::printf("Stopped.\n");
+  return 0;
+}
+
+}  // namespace
+
+ZBIAP_REGISTER_COMMAND(serve, "serve", "run the development catalogue server ([--catalog FILE])",
+                       runServe);
+
+}  // namespace zbiap::cli
