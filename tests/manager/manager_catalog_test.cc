@@ -45,7 +45,7 @@ class CatalogTest : public ManagerTest {
     return result;
   }
   std::string saved(const char* key) {
-    auto data = platform_->standardUserDefaults().dataForKey(key);
+    auto data = platform_->userDefaults().dataForKey(key);
     return data ? std::string(data->begin(), data->end()) : "";
   }
 

@@ -1,53 +1,13 @@
 #include "tests/manager/manager_fixture.h"
 
-#include <unistd.h>
-
-#include <atomic>
-
 #include "zbiap/foundation/json.h"
 #include "zbiap/support/logger.h"
 #include "zbiap/support/memory_logger.h"
 
 namespace zbiap::testing {
 
-ManagerTestPlatform::ManagerTestPlatform(const std::filesystem::path& dir)
-    : dir_(dir), bundle_(dir / "bundle") {
-  std::filesystem::create_directories(dir / "bundle");
-  reopenDefaults();
-}
-
-void ManagerTestPlatform::reopenDefaults() {
-  std::lock_guard<std::mutex> lock(mu_);
-  defaults_.reset();
-  defaults_ = std::make_unique<SQLiteUserDefaults>(dir_ / "defaults.sqlite3", nullptr);
-}
-
-UserDefaults& ManagerTestPlatform::standardUserDefaults() {
-  std::lock_guard<std::mutex> lock(mu_);
-  return *defaults_;
-}
-
-std::vector<std::string> ManagerTestPlatform::logLines() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return lines_;
-}
-
-std::optional<std::string> ManagerTestPlatform::environmentValue(std::string_view name) {
-  return std::nullopt;
-}
-
-void ManagerTestPlatform::systemLog(std::string_view line) {
-  std::lock_guard<std::mutex> lock(mu_);
-  lines_.emplace_back(line);
-}
-
 void ManagerTest::SetUp() {
-  static std::atomic<int> counter{0};
-  dir_ = std::filesystem::temp_directory_path() /
-         ("zbiap-manager-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-  std::filesystem::remove_all(dir_);
-  platform_ = std::make_shared<ManagerTestPlatform>(dir_);
-  previousPlatform_ = Platform::install(platform_);
+  platform_ = std::make_unique<TestPlatform>();
   gZBIAPCustomLoggerClass = &ZBIAPMemoryLogger::initWithName;
   ZBIAPMemoryLogger::clearLog();
 
@@ -78,11 +38,8 @@ void ManagerTest::TearDown() {
   fetcher_->dropPending();
   manager_.reset();
   configuration_.reset();
-  Platform::install(previousPlatform_);
   platform_.reset();
   gZBIAPCustomLoggerClass = nullptr;
-  std::error_code ec;
-  std::filesystem::remove_all(dir_, ec);
 }
 
 std::shared_ptr<ZBIAPManager> ManagerTest::makeManager() {
@@ -96,7 +53,7 @@ std::shared_ptr<ZBIAPManager> ManagerTest::makeManager() {
     ZBIAPManager* manager = manager_.get();
     tokens_.push_back(NotificationCenter::defaultCenter().addObserver(
         name, manager_.get(), [this, manager](const Notification& notification) {
-          EXPECT_TRUE(platform_->queue().isMainThread()) << notification.name;
+          EXPECT_TRUE(platform_->mainQueue().isMainThread()) << notification.name;
           EXPECT_EQ(notification.userInfo, nullptr);
           heard_.push_back({std::string(notification.name), manager->state()});
         }));
@@ -137,7 +94,7 @@ void ManagerTest::saveCatalogue(const std::vector<Dictionary>& products,
   Array featureArray(features.begin(), features.end());
   std::string productText = toJSON(Value(productArray));
   std::string featureText = toJSON(Value(featureArray));
-  UserDefaults& defaults = platform_->standardUserDefaults();
+  UserDefaults& defaults = platform_->userDefaults();
   ASSERT_TRUE(defaults.setData("ZBIAPProductInfos", Data(productText.begin(), productText.end())));
   ASSERT_TRUE(defaults.setData("ZBIAPBaselineFeatureMetadata",
                                Data(featureText.begin(), featureText.end())));

@@ -1,6 +1,6 @@
-// The manager tests' fixture: a platform with a virtual-time main queue, user defaults in a real
-// SQLite file that can be reopened (as a new launch would), a captured system log and the
-// manager's log lines in memory; a scriptable store and fetcher; a recorder of the manager's
+// The manager tests' fixture: the test platform (virtual-time main queue, user defaults in a real
+// SQLite file that can be reopened as a new launch would, a captured system log), the manager's
+// log lines in memory; a scriptable store and fetcher; a recorder of the manager's
 // notifications.
 #ifndef ZBIAP_TESTS_MANAGER_MANAGER_FIXTURE_H_
 #define ZBIAP_TESTS_MANAGER_MANAGER_FIXTURE_H_
@@ -8,50 +8,18 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "testing/fake_fetcher.h"
 #include "testing/fake_store.h"
 #include "testing/manual_main_queue.h"
+#include "testing/test_platform.h"
 #include "zbiap/manager/manager.h"
-#include "zbiap/platform/directory_bundle.h"
 #include "zbiap/platform/notification_center.h"
-#include "zbiap/platform/platform.h"
-#include "zbiap/platform/sqlite_user_defaults.h"
 
 namespace zbiap::testing {
-
-class ManagerTestPlatform final : public Platform {
- public:
-  explicit ManagerTestPlatform(const std::filesystem::path& dir);
-
-  ManualMainQueue& queue() { return queue_; }
-  // Closes the defaults file and opens it again, as the next launch of the app would.
-  void reopenDefaults();
-  std::vector<std::string> logLines() const;
-
-  MainQueue& mainQueue() override { return queue_; }
-  TaskQueue& globalQueue() override { return queue_; }
-  Date now() override { return queue_.now(); }
-  std::optional<std::string> environmentValue(std::string_view name) override;
-  UserDefaults& standardUserDefaults() override;
-  Bundle& mainBundle() override { return bundle_; }
-  DeviceInfo deviceInfo() override { return {"Test", "Linux", "6.1.0", "x86_64"}; }
-  std::vector<std::string> preferredLanguages() override { return {"en"}; }
-  void systemLog(std::string_view line) override;
-
- private:
-  const std::filesystem::path dir_;
-  mutable std::mutex mu_;
-  std::vector<std::string> lines_;
-  ManualMainQueue queue_;
-  DirectoryBundle bundle_;
-  std::unique_ptr<SQLiteUserDefaults> defaults_;
-};
 
 // One notification as the recorder heard it, with the manager's state at that moment.
 struct Heard {
@@ -70,8 +38,8 @@ class ManagerTest : public ::testing::Test {
   std::shared_ptr<ZBIAPManager> makeManager();
   // Commits and runs what is due now.
   void commit();
-  void runUntilIdle() { platform_->queue().runUntilIdle(); }
-  void advance(std::chrono::seconds seconds) { platform_->queue().advanceBy(seconds); }
+  void runUntilIdle() { platform_->runUntilIdle(); }
+  void advance(std::chrono::seconds seconds) { platform_->advanceBy(seconds); }
 
   // How often the manager logged a line that begins with `message`.
   size_t logCount(std::string_view message) const;
@@ -85,9 +53,7 @@ class ManagerTest : public ::testing::Test {
   void saveCatalogue(const std::vector<Dictionary>& products,
                      const std::vector<Dictionary>& features = {});
 
-  std::filesystem::path dir_;
-  std::shared_ptr<ManagerTestPlatform> platform_;
-  std::shared_ptr<Platform> previousPlatform_;
+  std::unique_ptr<TestPlatform> platform_;
   std::shared_ptr<FakeStore> store_;
   std::shared_ptr<FakeFetcher> fetcher_;
   std::shared_ptr<ZBIAPManagerConfiguration> configuration_;

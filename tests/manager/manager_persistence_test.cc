@@ -25,7 +25,7 @@ TEST_F(PersistenceTest, CatalogueAndFeaturesSurviveANewLaunch) {
 
   // The next launch: the defaults file opened anew, a new store, fetcher and manager.
   store_->dropPending();
-  platform_->reopenDefaults();
+  platform_->reopenUserDefaults();
   store_ = FakeStore::create();
   fetcher_ = FakeFetcher::create();
   configuration_ = ZBIAPManagerConfiguration::create(store_, kCountryProduct, "US", fetcher_);
@@ -69,7 +69,7 @@ TEST_F(PersistenceTest, MissingOrForeignSavedDataFallsBackToTheBundle) {
     SCOPED_TRACE(c.message);
     TearDown();
     SetUp();
-    UserDefaults& defaults = platform_->standardUserDefaults();
+    UserDefaults& defaults = platform_->userDefaults();
     if (c.productsData) {
       if (c.productsAsString) {
         defaults.setString("ZBIAPProductInfos", *c.productsData);
@@ -106,7 +106,7 @@ TEST_F(PersistenceTest, UnreadableSavedDataGivesWhatCanBeReadAndNoBundleLoad) {
     SCOPED_TRACE(i);
     TearDown();
     SetUp();
-    UserDefaults& defaults = platform_->standardUserDefaults();
+    UserDefaults& defaults = platform_->userDefaults();
     ASSERT_TRUE(defaults.setData("ZBIAPProductInfos", bytes(cases[i].products)));
     ASSERT_TRUE(defaults.setData("ZBIAPBaselineFeatureMetadata", bytes(cases[i].features)));
     store_->scriptCountry(Answer::kAtOnce, "DE");
