@@ -3,12 +3,10 @@
 // base64 PKCS #1 public key that verifies the answers. Serves until SIGINT or SIGTERM, printing a
 // line per request on standard error. Exit 2 on bad usage, 1 when the catalogue cannot be read or
 // is not JSON or the port cannot be bound.
-#include <pthread.h>
 #include <signal.h>
 #include <time.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <string>
@@ -18,6 +16,10 @@
 
 namespace zbiap::cli {
 namespace {
+
+volatile sig_atomic_t stopRequested = 0;
+
+void onStopSignal(int) { stopRequested = 1; }
 
 constexpr char kUsage[] = "usage: zbiap serve [--catalog FILE] [--port N]\n";
 
@@ -101,17 +103,18 @@ int runServe(const Args& args) {
     }
   }
 
-  // The signals are taken by sigtimedwait below, on this thread only: block them before the
-  // server's threads start so that they inherit the mask.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  sigset_t previous;
-  pthread_sigmask(SIG_BLOCK, &stopSignals, &previous);
+  // Handlers rather than a blocked mask: threads made before this point (by libraries) would
+  // otherwise take the signal with its default action.
+  struct sigaction action = {};
+  action.sa_handler = onStopSignal;
+  sigemptyset(&action.sa_mask);
+  struct sigaction previousInt, previousTerm;
+  sigaction(SIGINT, &action, &previousInt);
+  sigaction(SIGTERM, &action, &previousTerm);
 
   if (!server->start(options.port)) {
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    sigaction(SIGINT, &previousInt, nullptr);
+    sigaction(SIGTERM, &previousTerm, nullptr);
     std::fprintf(stderr, "zbiap serve: cannot listen on 127.0.0.1:%d\n", options.port);
     return 1;
   }
@@ -126,15 +129,15 @@ int runServe(const Args& args) {
   std::fflush(stdout);
 
   size_t printed = 0;
-  int received = -1;
-  while (received < 0) {
-    timespec interval{0, 200 * 1000 * 1000};
-    received = sigtimedwait(&stopSignals, nullptr, &interval);
-    if (received < 0 && errno != EAGAIN && errno != EINTR) break;
+  while (stopRequested == 0) {
+    timespec interval{0, 100 * 1000 * 1000};
+    nanosleep(&interval, nullptr);
     printNewRequests(*server, printed);
   }
   server->stop();
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  printNewRequests(*server, printed);
+  sigaction(SIGINT, &previousInt, nullptr);
+  sigaction(SIGTERM, &previousTerm, nullptr);
   std::printf("Stopped.\n");
   return 0;
 }
