@@ -1,0 +1,531 @@
+// The account store against the development account server on 127.0.0.1, through the real
+// libcurl client, on the test platform's virtual-time main queue.
+#include "zbiap/store/store_morvane.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "testing/test_platform.h"
+#include "zbiap/devserver/account_server.h"
+#include "zbiap/platform/http_client.h"
+
+namespace zbiap {
+namespace {
+
+using testing::TestPlatform;
+using Product = AccountServer::Product;
+
+constexpr char kToken[] = "token-1";
+const Date kMarch = Date::fromMicrosSince1970(1709633630LL * 1000000);  // 2024-03-05 10:13:50
+const Date kApril = Date::fromMicrosSince1970(1712312030LL * 1000000);  // 2024-04-05 10:13:50
+
+// The host's side: headers from a token list (the last one repeats), answered from a thread of
+// its own; a list kept in memory.
+class HostDelegate final : public ZBIAPStoreMorvaneDelegate {
+ public:
+  std::vector<std::string> tokens{kToken};
+  std::vector<std::pair<std::string, std::string>> extraHeaders;
+  ZBIAPErrorPtr headerError;
+  std::optional<bool> shouldQuery;
+  Value saved;
+
+  void store(ZBIAPStoreMorvane&, bool isRetrying, HeadersCompletion completion) override {
+    ZBIAPStoreMorvaneHeaders headers;
+    {
+      std::lock_guard lock(mu_);
+      retryFlags_.push_back(isRetrying);
+      size_t index = std::min(retryFlags_.size() - 1, tokens.size() - 1);
+      if (!tokens.empty()) headers.emplace_back("Authorization", "Bearer " + tokens[index]);
+    }
+    headers.insert(headers.end(), extraHeaders.begin(), extraHeaders.end());
+    std::thread([&] { completion(headers, headerError); }).join();
+  }
+  bool shouldQueryInAppPurchasesForStore(ZBIAPStoreMorvane&) override {
+    return shouldQuery.value_or(true);
+  }
+  void store(ZBIAPStoreMorvane&, const Array& inAppPurchases) override {
+    std::lock_guard lock(mu_);
+    saves_.push_back(inAppPurchases);
+    saved = Value(inAppPurchases);
+  }
+  Value readInAppPurchasesForStore(ZBIAPStoreMorvane&) override {
+    ++reads;
+    return saved;
+  }
+
+  std::vector<bool> retryFlags() {
+    std::lock_guard lock(mu_);
+    return retryFlags_;
+  }
+  std::vector<Array> saves() {
+    std::lock_guard lock(mu_);
+    return saves_;
+  }
+  int reads = 0;
+
+ private:
+  std::mutex mu_;
+  std::vector<bool> retryFlags_;
+  std::vector<Array> saves_;
+};
+
+class StoreDelegateRecorder final : public ZBIAPStoreDelegate {
+ public:
+  std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const override { return {}; }
+  void store(ZBIAPStore&, const std::string& countryCode) override {
+    countries.push_back(countryCode);
+  }
+  void storeDidUpdateInformations(ZBIAPStore&) override {
+    ++updates;
+    if (!Platform::current().mainQueue().isMainThread()) ++updatesOffMain;
+  }
+  std::vector<std::string> countries;
+  int updates = 0;
+  int updatesOffMain = 0;
+};
+
+struct Outcome {
+  int calls = 0;
+  ZBIAPStoreRestoreResult result = ZBIAPStoreRestoreResultFailed;
+  ZBIAPErrorPtr error;
+  bool onMainThread = false;
+};
+
+class StoreMorvaneTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    platform_.setEnv("ZBIAPStoreMorvane_LOGGING", "1");
+    ASSERT_TRUE(server_.start());
+    client_ = HttpClient::createCurl();
+    store_ = ZBIAPStoreMorvane::initWithBaseURL(server_.baseURL(), client_);
+    store_->setStoreDelegate(recorder_);
+    store_->setMorvaneStoreDelegate(host_);
+  }
+
+  // Restores and runs the main queue until the completion has run (the answer comes over real
+  // loopback HTTP, so this waits for the network, never for a timer of the library).
+  Outcome restore() {
+    auto outcome = std::make_shared<Outcome>();
+    store_->restorePurchasesWithCompletion(
+        [outcome](ZBIAPStoreRestoreResult result, ZBIAPErrorPtr error) {
+          ++outcome->calls;
+          outcome->result = result;
+          outcome->error = std::move(error);
+          outcome->onMainThread = Platform::current().mainQueue().isMainThread();
+        });
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (outcome->calls == 0 && std::chrono::steady_clock::now() < deadline) {
+      if (platform_.runUntilIdle() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    platform_.runUntilIdle();
+    return *outcome;
+  }
+
+  size_t logCount(std::string_view text) const {
+    size_t count = 0;
+    for (const std::string& line : platform_.logLines()) {
+      if (line.find(text) != std::string::npos) ++count;
+    }
+    return count;
+  }
+
+  static void expectStoreError(const Outcome& outcome) {
+    EXPECT_EQ(outcome.calls, 1);
+    EXPECT_EQ(outcome.result, ZBIAPStoreRestoreResultFailed);
+    ASSERT_NE(outcome.error, nullptr);
+    EXPECT_EQ(outcome.error->domain(), ZBIAPStoreErrorDomain);
+    EXPECT_EQ(outcome.error->code(), ZBIAPStoreErrorOther);
+    EXPECT_TRUE(outcome.error->userInfo().empty());
+  }
+
+  std::vector<std::string> identifiers() const {
+    std::vector<std::string> ids;
+    for (const auto& iap : store_->inAppPurchases()) ids.push_back(iap->productIdentifier());
+    return ids;
+  }
+
+  TestPlatform platform_;
+  AccountServer server_;
+  std::shared_ptr<HttpClient> client_;
+  std::shared_ptr<HostDelegate> host_ = std::make_shared<HostDelegate>();
+  std::shared_ptr<StoreDelegateRecorder> recorder_ = std::make_shared<StoreDelegateRecorder>();
+  std::shared_ptr<ZBIAPStoreMorvane> store_;
+};
+
+TEST_F(StoreMorvaneTest, ProductsBecomeRecordsSavedAndReported) {
+  server_.setProducts(kToken, {Product::make("com.example.pro", kMarch),
+                               Product::make("com.example.sub", kMarch, kApril)});
+  host_->extraHeaders = {{"X-Client", "demo"}, {"Accept", "text/plain"}};
+
+  Outcome outcome = restore();
+  EXPECT_EQ(outcome.calls, 1);
+  EXPECT_EQ(outcome.result, ZBIAPStoreRestoreResultChanged);
+  EXPECT_EQ(outcome.error, nullptr);
+  EXPECT_TRUE(outcome.onMainThread);
+
+  std::vector<ZBIAPReceiptIAPPtr> iaps = store_->inAppPurchases();
+  ASSERT_EQ(iaps.size(), 2u);
+  EXPECT_EQ(iaps[0]->productIdentifier(), "com.example.pro");
+  EXPECT_EQ(iaps[0]->purchaseDate(), kMarch);
+  EXPECT_EQ(iaps[0]->originalPurchaseDate(), kMarch);
+  EXPECT_EQ(iaps[0]->transactionIdentifier(), "dummy");
+  EXPECT_EQ(iaps[0]->originalTransactionIdentifier(), "dummy");
+  EXPECT_FALSE(iaps[0]->subscriptionExpirationDate());
+  EXPECT_FALSE(iaps[0]->upgradable());
+  EXPECT_EQ(iaps[0]->quantity(), 0);
+  EXPECT_EQ(iaps[1]->subscriptionExpirationDate(), kApril);
+  EXPECT_FALSE(store_->isExistingCustomer());
+
+  // Saved once, as the records' dictionaries, and reported once on the main thread.
+  std::vector<Array> saves = host_->saves();
+  ASSERT_EQ(saves.size(), 1u);
+  ASSERT_EQ(saves[0].size(), 2u);
+  EXPECT_EQ(saves[0][1], Value(iaps[1]->dictionaryRepresentation()));
+  EXPECT_EQ(recorder_->updates, 1);
+  EXPECT_EQ(recorder_->updatesOffMain, 0);
+
+  // The request: GET of the products path, JSON accepted, the host's headers added after it.
+  std::vector<AccountServer::Request> requests = server_.requests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].method, "GET");
+  EXPECT_EQ(requests[0].path, "/api/v1/users/products");
+  EXPECT_EQ(requests[0].token, kToken);
+  EXPECT_EQ(requests[0].header("X-Client"), "demo");
+  size_t accepts = 0;
+  for (const auto& [name, value] : requests[0].headers) {
+    if (name == "Accept") ++accepts;
+  }
+  EXPECT_EQ(accepts, 2u);
+  EXPECT_EQ(host_->retryFlags(), std::vector<bool>{false});
+  EXPECT_EQ(logCount("[ZBIAPStoreMorvane] Querying IAPs with 3 additional header(s)."), 1u);
+  EXPECT_EQ(logCount("[ZBIAPStoreMorvane] Got products (did change): ("), 1u);
+  EXPECT_EQ(logCount("com.example.sub"), 1u);
+
+  // The saved list is what a later launch starts from, before any query.
+  auto next = ZBIAPStoreMorvane::initWithBaseURL(server_.baseURL(), client_);
+  next->setMorvaneStoreDelegate(host_);
+  ASSERT_EQ(next->inAppPurchases().size(), 2u);
+  EXPECT_TRUE(next->inAppPurchases()[1]->isEqual(*iaps[1]));
+}
+
+TEST_F(StoreMorvaneTest, EmptyListWhileNoneHeldIsAChangeOnce) {
+  server_.setProducts(kToken, {});
+  Outcome first = restore();
+  EXPECT_EQ(first.result, ZBIAPStoreRestoreResultChanged);
+  ASSERT_EQ(host_->saves().size(), 1u);
+  EXPECT_TRUE(host_->saves()[0].empty());
+  EXPECT_EQ(recorder_->updates, 1);
+
+  Outcome second = restore();
+  EXPECT_EQ(second.result, ZBIAPStoreRestoreResultUnchanged);
+  EXPECT_EQ(second.error, nullptr);
+  EXPECT_TRUE(second.onMainThread);
+  EXPECT_EQ(host_->saves().size(), 1u);
+  EXPECT_EQ(recorder_->updates, 1);
+  EXPECT_EQ(logCount("Got products (no change): (\n)"), 1u);
+}
+
+TEST_F(StoreMorvaneTest, OrderOfProductsCounts) {
+  Product a = Product::make("com.example.a", kMarch);
+  Product b = Product::make("com.example.b", kApril);
+  server_.setProducts(kToken, {a, b});
+  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultUnchanged);
+  EXPECT_EQ(host_->saves().size(), 1u);
+
+  server_.setProducts(kToken, {b, a});
+  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  EXPECT_EQ(identifiers(), (std::vector<std::string>{"com.example.b", "com.example.a"}));
+  EXPECT_EQ(host_->saves().size(), 2u);
+  EXPECT_EQ(recorder_->updates, 2);
+}
+
+TEST_F(StoreMorvaneTest, CustomerFlagAloneIsAChangeButIsNotSaved) {
+  server_.setProducts(kToken, {});
+  server_.setExistingCustomer(kToken, true);
+  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  EXPECT_TRUE(store_->isExistingCustomer());
+  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultUnchanged);
+
+  server_.setExistingCustomer(kToken, std::nullopt);  // absent reads as false
+  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  EXPECT_FALSE(store_->isExistingCustomer());
+
+  server_.enqueueResponse(200, R"({"products":[],"is_existing_customer":1})");
+  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  EXPECT_TRUE(store_->isExistingCustomer());
+  for (const Array& saved : host_->saves()) EXPECT_TRUE(saved.empty());
+  EXPECT_EQ(recorder_->updates, 3);
+}
+
+TEST_F(StoreMorvaneTest, OneRetryAfterUnauthorizedWithFreshHeaders) {
+  server_.setProducts("renewed", {Product::make("com.example.pro", kMarch)});
+  host_->tokens = {"expired", "renewed"};
+  Outcome outcome = restore();
+  EXPECT_EQ(outcome.result, ZBIAPStoreRestoreResultChanged);
+  EXPECT_EQ(host_->retryFlags(), (std::vector<bool>{false, true}));
+  std::vector<AccountServer::Request> requests = server_.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].status, 401);
+  EXPECT_EQ(requests[1].token, "renewed");
+  EXPECT_EQ(identifiers(), std::vector<std::string>{"com.example.pro"});
+}
+
+TEST_F(StoreMorvaneTest, SecondUnauthorizedFailsAndKeepsTheList) {
+  server_.setProducts(kToken, {Product::make("com.example.pro", kMarch)});
+  ASSERT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  server_.removeAccount(kToken);
+  server_.clearRequests();
+
+  Outcome outcome = restore();
+  expectStoreError(outcome);
+  EXPECT_EQ(outcome.error->underlyingError(), nullptr);
+  EXPECT_TRUE(outcome.onMainThread);
+  EXPECT_EQ(server_.requestCount(), 2u);
+  EXPECT_EQ(host_->retryFlags(), (std::vector<bool>{false, false, true}));
+  EXPECT_EQ(logCount("[ZBIAPStoreMorvane] Got failure response code 401."), 1u);
+  EXPECT_EQ(identifiers(), std::vector<std::string>{"com.example.pro"});
+  EXPECT_EQ(host_->saves().size(), 1u);
+  EXPECT_EQ(recorder_->updates, 1);
+}
+
+TEST_F(StoreMorvaneTest, OtherFailureStatusIsNotRetried) {
+  server_.enqueueResponse(500, "oops", "text/plain");
+  expectStoreError(restore());
+  EXPECT_EQ(server_.requestCount(), 1u);
+  EXPECT_EQ(logCount("Got failure response code 500."), 1u);
+}
+
+TEST_F(StoreMorvaneTest, EmptyBodyFailsWithTheDecodersError) {
+  server_.enqueueResponse(204, "", "");
+  Outcome outcome = restore();
+  expectStoreError(outcome);
+  ASSERT_NE(outcome.error->underlyingError(), nullptr);
+  EXPECT_EQ(outcome.error->underlyingError()->domain(), kNSCocoaErrorDomain);
+  EXPECT_EQ(outcome.error->underlyingError()->code(), 3840);
+  EXPECT_EQ(logCount("[ZBIAPStoreMorvane] Failed to decode JSON: Error Domain=NSCocoaErrorDomain"),
+            1u);
+  EXPECT_TRUE(host_->saves().empty());
+  EXPECT_EQ(recorder_->updates, 0);
+}
+
+TEST_F(StoreMorvaneTest, MalformedAnswersFailWholeAndChangeNothing) {
+  server_.setProducts(kToken, {Product::make("com.example.kept", kMarch)});
+  ASSERT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  constexpr char kField[] = "Required product field missing or wrong type.";
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"products":[)", "Failed to decode JSON: "},
+      {R"([{"products":[]}])", "Top-level JSON object is not a dictionary."},
+      {R"({})", "Server response does not contains a products list."},
+      {R"({"products":{}})", "Server response does not contains a products list."},
+      {R"({"products":[[]]})", "Product is not a dictionary."},
+      {R"({"products":[{"product_identifier":7,"purchased_at":"2024-03-05T10:13:50Z"}]})", kField},
+      {R"({"products":[{"product_identifier":"a"}]})", kField},
+      {R"({"products":[{"product_identifier":"a","purchased_at":"yesterday"}]})", kField},
+      {R"({"products":[{"product_identifier":"a","purchased_at":"2024-03-05T10:13:50Z",)"
+       R"("valid_until":null}]})",
+       kField},
+      {R"({"products":[{"product_identifier":"a","purchased_at":"2024-03-05T10:13:50Z",)"
+       R"("valid_until":5}]})",
+       kField},
+      {R"({"products":[{"product_identifier":"a","purchased_at":"2024-03-05T10:13:50Z"},)"
+       R"({"product_identifier":"b","purchased_at":null}]})",
+       kField},
+      {R"({"products":[],"is_existing_customer":"yes"})",
+       "Existing customer flag is not a boolean."},
+      {R"({"products":[],"is_existing_customer":null})",
+       "Existing customer flag is not a boolean."},
+  };
+  for (const auto& [body, message] : cases) {
+    SCOPED_TRACE(body);
+    platform_.clearLog();
+    server_.enqueueResponse(200, body);
+    Outcome outcome = restore();
+    expectStoreError(outcome);
+    EXPECT_EQ(logCount(std::string("[ZBIAPStoreMorvane] ") + message), 1u);
+    EXPECT_EQ(identifiers(), std::vector<std::string>{"com.example.kept"});
+  }
+  EXPECT_EQ(host_->saves().size(), 1u);
+  EXPECT_EQ(recorder_->updates, 1);
+  EXPECT_FALSE(store_->isExistingCustomer());
+}
+
+TEST_F(StoreMorvaneTest, UnreadableExpiryIsNoExpiry) {
+  server_.setProducts(kToken, {Product{"com.example.sub", "2024-03-05T10:13:50+01:00", "soon"}});
+  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  ASSERT_EQ(store_->inAppPurchases().size(), 1u);
+  EXPECT_EQ(store_->inAppPurchases()[0]->purchaseDate(), kMarch - std::chrono::hours(1));
+  EXPECT_FALSE(store_->inAppPurchases()[0]->subscriptionExpirationDate());
+}
+
+TEST_F(StoreMorvaneTest, SuppressedQueryAnswersUnchangedOnTheMainThread) {
+  host_->shouldQuery = false;
+  Outcome here = restore();
+  EXPECT_EQ(here.result, ZBIAPStoreRestoreResultUnchanged);
+  EXPECT_EQ(here.error, nullptr);
+  EXPECT_TRUE(here.onMainThread);
+
+  // From another thread the answer is posted to the main queue.
+  auto outcome = std::make_shared<Outcome>();
+  std::thread([&] {
+    store_->restorePurchasesWithCompletion(
+        [outcome](ZBIAPStoreRestoreResult result, ZBIAPErrorPtr) {
+          ++outcome->calls;
+          outcome->result = result;
+          outcome->onMainThread = Platform::current().mainQueue().isMainThread();
+        });
+  }).join();
+  EXPECT_EQ(outcome->calls, 0);
+  platform_.runUntilIdle();
+  EXPECT_EQ(outcome->calls, 1);
+  EXPECT_TRUE(outcome->onMainThread);
+  EXPECT_EQ(server_.requestCount(), 0u);
+  EXPECT_TRUE(host_->retryFlags().empty());
+}
+
+TEST_F(StoreMorvaneTest, HeaderFailureIsWrappedAndSendsNothing) {
+  host_->headerError = ZBIAPError::make("AuthDomain", 17);
+  Outcome outcome = restore();
+  EXPECT_EQ(outcome.result, ZBIAPStoreRestoreResultFailed);
+  ASSERT_NE(outcome.error, nullptr);
+  EXPECT_EQ(outcome.error->code(), ZBIAPStoreErrorOther);
+  EXPECT_EQ(outcome.error->underlyingError(), host_->headerError);
+  EXPECT_EQ(server_.requestCount(), 0u);
+  EXPECT_EQ(
+      logCount("[ZBIAPStoreMorvane] Failed to get additional headers: Error Domain=AuthDomain"),
+      1u);
+}
+
+TEST_F(StoreMorvaneTest, WithoutHostDelegateTheRequestCarriesNoHeaders) {
+  store_->setMorvaneStoreDelegate({});
+  expectStoreError(restore());  // no token: 401, one retry, 401
+  std::vector<AccountServer::Request> requests = server_.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_FALSE(requests[0].token);
+  EXPECT_EQ(requests[0].header("Accept"), "application/json");
+  EXPECT_EQ(logCount("Querying IAPs without additional headers."), 2u);
+}
+
+TEST_F(StoreMorvaneTest, TransportFailureIsWrapped) {
+  AccountServer closed;
+  ASSERT_TRUE(closed.start());
+  std::string url = closed.baseURL();
+  closed.stop();
+  store_ = ZBIAPStoreMorvane::initWithBaseURL(url, client_);
+  store_->setMorvaneStoreDelegate(host_);
+  Outcome outcome = restore();
+  EXPECT_EQ(outcome.result, ZBIAPStoreRestoreResultFailed);
+  ASSERT_NE(outcome.error, nullptr);
+  EXPECT_EQ(outcome.error->code(), ZBIAPStoreErrorOther);
+  ASSERT_NE(outcome.error->underlyingError(), nullptr);
+  EXPECT_EQ(outcome.error->underlyingError()->domain(), kNSURLErrorDomain);
+  EXPECT_EQ(logCount("[ZBIAPStoreMorvane] Querying IAPs failed: Error Domain=NSURLErrorDomain"),
+            1u);
+}
+
+TEST_F(StoreMorvaneTest, FixedAnswersOfAStoreThatDoesNotSell) {
+  std::optional<std::string> country;
+  store_->queryStoreCountryWithProductIdentifier("anything", [&](auto code, auto error) {
+    country = code;
+    EXPECT_EQ(error, nullptr);
+  });
+  EXPECT_EQ(country, "DE");
+  EXPECT_EQ(recorder_->countries, std::vector<std::string>{"DE"});
+
+  bool called = false;
+  store_->queryProducts({"a", "b"}, [&](auto products, auto error) {
+    called = products.empty() && error == nullptr;
+  });
+  EXPECT_TRUE(called);
+  ZBIAPErrorPtr purchaseError;
+  store_->purchaseProduct(nullptr, [&](bool success, ZBIAPErrorPtr error) {
+    EXPECT_FALSE(success);
+    purchaseError = error;
+  });
+  ASSERT_NE(purchaseError, nullptr);
+  EXPECT_EQ(purchaseError->domain(), ZBIAPStoreErrorDomain);
+  EXPECT_EQ(purchaseError->code(), ZBIAPStoreErrorCannotMakePayments);
+  bool refreshed = false;
+  store_->refreshReceiptWithCompletion([&](bool success, ZBIAPErrorPtr) { refreshed = success; });
+  EXPECT_TRUE(refreshed);
+  EXPECT_FALSE(store_->canPurchaseProduct(nullptr));
+  EXPECT_FALSE(store_->originalPurchaseDate());
+  EXPECT_FALSE(store_->originalPurchaseVersion());
+  // Null completions are fine everywhere.
+  store_->queryStoreCountryWithProductIdentifier("x", nullptr);
+  store_->purchaseProduct(nullptr, nullptr);
+  EXPECT_EQ(server_.requestCount(), 0u);
+}
+
+TEST_F(StoreMorvaneTest, SavedListIsReadOnlyWhileNoneIsHeld) {
+  Dictionary good{{ZBIAPReceiptKeyIAPProductID, Value("com.example.saved")},
+                  {ZBIAPReceiptKeyIAPTransactionID, Value("dummy")},
+                  {ZBIAPReceiptKeyIAPPurchaseDate, Value(kMarch)}};
+  Dictionary bad{{ZBIAPReceiptKeyIAPProductID, Value("com.example.bad")}};
+  auto host = std::make_shared<HostDelegate>();
+  host->saved = Value(Array{Value(good), Value("junk"), Value(bad)});
+  auto store = ZBIAPStoreMorvane::initWithBaseURL(server_.baseURL(), client_);
+  store->setStoreDelegate(recorder_);
+  store->setMorvaneStoreDelegate(host);
+  ASSERT_EQ(store->inAppPurchases().size(), 1u);
+  EXPECT_EQ(store->inAppPurchases()[0]->productIdentifier(), "com.example.saved");
+  EXPECT_EQ(recorder_->updates, 0);
+
+  // A list is held now: a new delegate does not replace it.
+  auto other = std::make_shared<HostDelegate>();
+  store->setMorvaneStoreDelegate(other);
+  EXPECT_EQ(other->reads, 0);
+
+  // Something that is not an array leaves the store without a list.
+  auto odd = std::make_shared<HostDelegate>();
+  odd->saved = Value(good);
+  auto fresh = ZBIAPStoreMorvane::initWithBaseURL(server_.baseURL(), client_);
+  fresh->setMorvaneStoreDelegate(odd);
+  EXPECT_EQ(odd->reads, 1);
+  EXPECT_TRUE(fresh->inAppPurchases().empty());
+}
+
+TEST_F(StoreMorvaneTest, DiscardForgetsAndReportsOnlyChanges) {
+  server_.setProducts(kToken, {Product::make("com.example.pro", kMarch)});
+  server_.setExistingCustomer(kToken, true);
+  ASSERT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  ASSERT_EQ(recorder_->updates, 1);
+
+  store_->discardInAppPurchases();
+  EXPECT_TRUE(store_->inAppPurchases().empty());
+  EXPECT_FALSE(store_->isExistingCustomer());
+  ASSERT_EQ(host_->saves().size(), 2u);
+  EXPECT_TRUE(host_->saves()[1].empty());
+  EXPECT_EQ(recorder_->updates, 2);
+
+  store_->discardInAppPurchases();
+  EXPECT_EQ(host_->saves().size(), 2u);
+  EXPECT_EQ(recorder_->updates, 2);
+
+  // The flag alone: reported, nothing to save.
+  server_.setProducts(kToken, {});
+  ASSERT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  size_t saves = host_->saves().size();
+  store_->discardInAppPurchases();
+  EXPECT_EQ(host_->saves().size(), saves);
+  EXPECT_EQ(recorder_->updates, 4);
+}
+
+TEST(StoreMorvaneURLTest, ProductsPathIsAppendedAsAPathComponent) {
+  auto url = [](std::string base) {
+    return ZBIAPStoreMorvane::initWithBaseURL(std::move(base))->productsURL();
+  };
+  EXPECT_EQ(url("https://example.com/api"), "https://example.com/api/v1/users/products");
+  EXPECT_EQ(url("https://example.com/api/"), "https://example.com/api/v1/users/products");
+  EXPECT_EQ(url("https://example.com"), "https://example.com/v1/users/products");
+  EXPECT_EQ(url("https://example.com/api?app=1"),
+            "https://example.com/api/v1/users/products?app=1");
+}
+
+}  // namespace
+}  // namespace zbiap
