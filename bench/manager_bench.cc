@@ -3,46 +3,19 @@
 // so the merge compares every DPI and finds no change, and the same feature list, which is taken
 // but need not be written again).
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <string>
 
 #include "testing/fake_fetcher.h"
 #include "testing/fake_store.h"
-#include "testing/manual_main_queue.h"
+#include "testing/test_platform.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/manager/manager.h"
-#include "zbiap/platform/directory_bundle.h"
-#include "zbiap/platform/platform.h"
-#include "zbiap/platform/sqlite_user_defaults.h"
 
 namespace zbiap::testing {
 namespace {
-
-class BenchPlatform final : public Platform {
- public:
-  explicit BenchPlatform(const std::filesystem::path& dir)
-      : bundle_(dir), defaults_(dir / "defaults.sqlite3", nullptr) {}
-  ManualMainQueue& queue() { return queue_; }
-
-  MainQueue& mainQueue() override { return queue_; }
-  TaskQueue& globalQueue() override { return queue_; }
-  Date now() override { return queue_.now(); }
-  std::optional<std::string> environmentValue(std::string_view) override { return std::nullopt; }
-  UserDefaults& standardUserDefaults() override { return defaults_; }
-  Bundle& mainBundle() override { return bundle_; }
-  DeviceInfo deviceInfo() override { return {"Bench", "Linux", "6.1.0", "x86_64"}; }
-  std::vector<std::string> preferredLanguages() override { return {"en-US"}; }
-  void systemLog(std::string_view) override {}
-
- private:
-  ManualMainQueue queue_;
-  DirectoryBundle bundle_;
-  SQLiteUserDefaults defaults_;
-};
 
 // A product as the catalogue service writes one, with texts in two languages.
 Dictionary benchProduct(int i) {
@@ -73,11 +46,7 @@ Dictionary benchProduct(int i) {
 
 void BM_ManagerCommitToReadyFromSavedCatalogue(benchmark::State& state) {
   const int count = static_cast<int>(state.range(0));
-  const std::filesystem::path dir = std::filesystem::temp_directory_path() /
-                                    ("zbiap-manager-bench-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dir);
-  auto platform = std::make_shared<BenchPlatform>(dir);
-  auto previous = Platform::install(platform);
+  auto platform = std::make_unique<TestPlatform>();
 
   std::vector<Dictionary> products;
   Array saved;
@@ -87,10 +56,10 @@ void BM_ManagerCommitToReadyFromSavedCatalogue(benchmark::State& state) {
   }
   const std::string productsText = toJSON(Value(saved));
   const std::string featuresText = "[{\"identifier\":\"feature.0\"}]";
-  platform->standardUserDefaults().setData("ZBIAPProductInfos",
-                                           Data(productsText.begin(), productsText.end()));
-  platform->standardUserDefaults().setData("ZBIAPBaselineFeatureMetadata",
-                                           Data(featuresText.begin(), featuresText.end()));
+  platform->userDefaults().setData("ZBIAPProductInfos",
+                                   Data(productsText.begin(), productsText.end()));
+  platform->userDefaults().setData("ZBIAPBaselineFeatureMetadata",
+                                   Data(featuresText.begin(), featuresText.end()));
   // The server repeats its feature list, as new objects each time.
   auto response = makeResponse(products, std::nullopt, std::nullopt,
                                {Dictionary{{"identifier", Value("feature.0")}}});
@@ -106,19 +75,15 @@ void BM_ManagerCommitToReadyFromSavedCatalogue(benchmark::State& state) {
     state.ResumeTiming();
 
     manager->commitConfiguration();
-    platform->queue().runUntilIdle();
+    platform->runUntilIdle();
     if (!manager->isReady()) state.SkipWithError("the manager did not become ready");
 
     state.PauseTiming();
-    platform->queue().advanceBy(std::chrono::seconds(10));  // lets the time-out go
+    platform->advanceBy(std::chrono::seconds(10));  // lets the time-out go
     manager.reset();
     state.ResumeTiming();
   }
   state.SetItemsProcessed(state.iterations() * count);
-
-  Platform::install(previous);
-  platform.reset();
-  std::filesystem::remove_all(dir);
 }
 BENCHMARK(BM_ManagerCommitToReadyFromSavedCatalogue)
     ->Arg(10)
