@@ -27,11 +27,14 @@ std::shared_ptr<ZBIAPCompoundStore> ZBIAPCompoundStore::initWithStores(
   stores.erase(std::remove(stores.begin(), stores.end(), nullptr), stores.end());
   std::shared_ptr<ZBIAPCompoundStore> compound(new ZBIAPCompoundStore(std::move(stores)));
   std::weak_ptr<ZBIAPStoreDelegate> self = compound;
-  std::lock_guard lock(compound->lock_);
+  // The stores are asked outside the lock, so that no store's lock is ever taken inside it.
+  std::map<const ZBIAPStore*, std::vector<ZBIAPReceiptIAPPtr>> lists;
   for (const std::shared_ptr<ZBIAPStore>& store : compound->stores_) {
     store->setStoreDelegate(self);
-    compound->iapMap_[store.get()] = store->inAppPurchases();
+    lists[store.get()] = store->inAppPurchases();
   }
+  std::lock_guard lock(compound->lock_);
+  compound->iapMap_ = std::move(lists);
   compound->inAppPurchases_ = compound->private_combineIAPs();
   return compound;
 }
@@ -238,9 +241,11 @@ void ZBIAPCompoundStore::store(ZBIAPStore& store, const std::string& countryCode
 }
 
 void ZBIAPCompoundStore::storeDidUpdateInformations(ZBIAPStore& store) {
+  // Read before taking the lock: a store's own lock is never taken inside the compound's.
+  std::vector<ZBIAPReceiptIAPPtr> purchases = store.inAppPurchases();
   {
     std::lock_guard lock(lock_);
-    iapMap_[&store] = store.inAppPurchases();
+    iapMap_[&store] = std::move(purchases);
     inAppPurchases_ = private_combineIAPs();
   }
   if (std::shared_ptr<ZBIAPStoreDelegate> delegate = storeDelegate()) {
