@@ -1,16 +1,5 @@
 #include "zbiap/devserver/account_server.h"
 
-// The same configuration as Debian's compiled cpp-httplib (its pkg-config flags), so that the
-// library's types have the layout this code sees.
-#ifndef CPPHTTPLIB_OPENSSL_SUPPORT
-#define CPPHTTPLIB_OPENSSL_SUPPORT
-#endif
-#ifndef CPPHTTPLIB_ZLIB_SUPPORT
-#define CPPHTTPLIB_ZLIB_SUPPORT
-#endif
-#ifndef CPPHTTPLIB_BROTLI_SUPPORT
-#define CPPHTTPLIB_BROTLI_SUPPORT
-#endif
 #include <httplib.h>
 #include <strings.h>
 
