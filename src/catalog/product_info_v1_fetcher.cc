@@ -94,6 +94,11 @@ void ZBIAPProductInfoV1Fetcher::setHttpClient(std::shared_ptr<zbiap::HttpClient>
   httpClient_ = std::move(client);
 }
 
+void ZBIAPProductInfoV1Fetcher::setProductObserver(ProductObserver observer) {
+  std::lock_guard lock(lock_);
+  productObserver_ = std::move(observer);
+}
+
 void ZBIAPProductInfoV1Fetcher::fetchWithSuccess(SuccessBlock success, FailureBlock failure,
                                                  bool tryBundleData) {
   auto blocks = std::make_shared<ZBIAPProductInfoV1FetcherBlocks>();
@@ -254,10 +259,18 @@ void ZBIAPProductInfoV1Fetcher::processResponse(
     fail("No products array or object has wrong type.", "Response malformed (products).");
     return;
   }
+  ProductObserver observer;
+  {
+    std::lock_guard lock(lock_);
+    observer = productObserver_;
+  }
   ZBIAPProductInfoResponse::ProductInfos infos;
   infos.reserve(products->size());
-  for (const zbiap::Value& element : *products) {
-    if (auto info = ZBIAPProductInfoV1::create(element, language)) infos.push_back(std::move(info));
+  for (size_t index = 0; index < products->size(); ++index) {
+    std::shared_ptr<ZBIAPProductInfoV1> info =
+        ZBIAPProductInfoV1::create((*products)[index], language);
+    if (observer) observer(index, info);
+    if (info) infos.push_back(std::move(info));
   }
   if (infos.empty() && !products->empty()) {
     fail("All products failed to parse.", "Response malformed (products content).");

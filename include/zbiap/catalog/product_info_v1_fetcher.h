@@ -104,6 +104,14 @@ class ZBIAPProductInfoV1Fetcher final
   // time of each request.
   void setHttpClient(std::shared_ptr<zbiap::HttpClient> client);
 
+  // Told of each element of an answer's "products" as it is read, in order: its index and its
+  // record, null when the element was rejected. For tools that show how an answer reads (the
+  // record's messages are in the system log just before the call); runs on the thread that
+  // parses the answer. Null (the default): nobody is told.
+  using ProductObserver =
+      std::function<void(size_t index, const std::shared_ptr<ZBIAPProductInfoV1>& info)>;
+  void setProductObserver(ProductObserver observer);
+
  private:
   ZBIAPProductInfoV1Fetcher() = default;
 
@@ -119,10 +127,11 @@ class ZBIAPProductInfoV1Fetcher final
   std::shared_ptr<zbiap::OAuth1Signer> oAuth_;
   std::shared_ptr<const zbiap::RSAPublicKey> signatureKey_;
 
-  mutable std::mutex lock_;  // guards completionBlocks_, owner_ and httpClient_
+  mutable std::mutex lock_;  // guards completionBlocks_, owner_, httpClient_, productObserver_
   ZBIAPProductInfoV1FetcherBlocksArray completionBlocks_;
   std::weak_ptr<zbiap::ProductInfoFetcherOwner> owner_;
   std::shared_ptr<zbiap::HttpClient> httpClient_;
+  ProductObserver productObserver_;
 };
 
 #endif  // ZBIAP_CATALOG_PRODUCT_INFO_V1_FETCHER_H_
