@@ -1,0 +1,20 @@
+#include "log_capture.h"
+
+#include <utility>
+
+namespace zbiap::cli {
+
+LogCapturingPlatform::LogCapturingPlatform(std::shared_ptr<Platform> inner)
+    : inner_(std::move(inner)) {}
+
+std::vector<std::string> LogCapturingPlatform::takeLines() {
+  std::lock_guard lock(mutex_);
+  return std::exchange(lines_, {});
+}
+
+void LogCapturingPlatform::systemLog(std::string_view line) {
+  std::lock_guard lock(mutex_);
+  lines_.emplace_back(line);
+}
+
+}  // namespace zbiap::cli
