@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "cli_runner.h"
 #include "testing/testdata.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/storekit/receipt_writer.h"
@@ -16,37 +17,10 @@ namespace fs = std::filesystem;
 using zbiap::Data;
 using zbiap::Value;
 
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
+using Outcome = zbiap::testing::CliOutcome;
 
-class ReceiptCLITest : public ::testing::Test {
+class ReceiptCLITest : public zbiap::testing::CliTest {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() /
-           ("zbiap_cli_" + std::to_string(reinterpret_cast<uintptr_t>(this)) + "_" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  fs::path file(const std::string& name, const std::string& bytes) {
-    fs::path p = dir_ / name;
-    std::ofstream(p, std::ios::binary) << bytes;
-    return p;
-  }
-
-  Outcome run(const std::string& arguments, const std::string& stdinFile = "") {
-    std::string command = std::string("'") + ZBIAP_CLI_PATH + "' " + arguments + " >'" +
-                          (dir_ / "out").string() + "' 2>'" + (dir_ / "err").string() + "'";
-    if (!stdinFile.empty()) command += " <'" + stdinFile + "'";
-    int status = std::system(command.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, zbiap::testing::readFile(dir_ / "out"),
-            zbiap::testing::readFile(dir_ / "err")};
-  }
-
   static std::string receiptBytes(int purchases) {
     auto writer = zbiap::ReceiptWriter::create();
     zbiap::ReceiptContents c;
@@ -85,8 +59,6 @@ class ReceiptCLITest : public ::testing::Test {
     }
     return out;
   }
-
-  fs::path dir_;
 };
 
 TEST_F(ReceiptCLITest, PrintsJSONForDERAndBase64AndStandardInput) {
