@@ -30,6 +30,7 @@
 #include "zbiap/platform/observer_list.h"
 #include "zbiap/platform/observer_token.h"
 #include "zbiap/platform/platform.h"
+#include "zbiap/platform/platform_wrapper.h"
 #include "zbiap/platform/preferred_languages.h"
 #include "zbiap/platform/sqlite_user_defaults.h"
 #include "zbiap/platform/thread_pool.h"

@@ -4,9 +4,6 @@
 
 namespace zbiap::cli {
 
-LogCapturingPlatform::LogCapturingPlatform(std::shared_ptr<Platform> inner)
-    : inner_(std::move(inner)) {}
-
 std::vector<std::string> LogCapturingPlatform::takeLines() {
   std::lock_guard lock(mutex_);
   return std::exchange(lines_, {});
