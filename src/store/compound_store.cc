@@ -35,7 +35,9 @@ std::shared_ptr<ZBIAPCompoundStore> ZBIAPCompoundStore::initWithStores(
   }
   std::lock_guard lock(compound->lock_);
   compound->iapMap_ = std::move(lists);
-  compound->inAppPurchases_ = compound->private_combineIAPs();
+  std::vector<ZBIAPReceiptIAPPtr> combined = compound->private_combineIAPs();
+  std::lock_guard property(compound->purchasesMutex_);
+  compound->inAppPurchases_ = std::move(combined);
   return compound;
 }
 
@@ -78,7 +80,7 @@ std::optional<std::string> ZBIAPCompoundStore::originalPurchaseVersion() const {
 }
 
 std::vector<ZBIAPReceiptIAPPtr> ZBIAPCompoundStore::inAppPurchases() const {
-  std::lock_guard lock(lock_);
+  std::lock_guard lock(purchasesMutex_);
   return inAppPurchases_;
 }
 
@@ -246,7 +248,9 @@ void ZBIAPCompoundStore::storeDidUpdateInformations(ZBIAPStore& store) {
   {
     std::lock_guard lock(lock_);
     iapMap_[&store] = std::move(purchases);
-    inAppPurchases_ = private_combineIAPs();
+    std::vector<ZBIAPReceiptIAPPtr> combined = private_combineIAPs();
+    std::lock_guard property(purchasesMutex_);
+    inAppPurchases_ = std::move(combined);
   }
   if (std::shared_ptr<ZBIAPStoreDelegate> delegate = storeDelegate()) {
     delegate->storeDidUpdateInformations(*this);

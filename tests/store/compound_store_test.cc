@@ -67,7 +67,13 @@ class Recorder final : public ZBIAPStoreDelegate {
   std::vector<std::string> countries;
   std::vector<size_t> purchaseCounts;
   std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const override { return {}; }
-  void store(ZBIAPStore&, const std::string& code) override { countries.push_back(code); }
+  void store(ZBIAPStore&, const std::string& code) override {
+    countries.push_back(code);
+    // As the manager does: a country starts a catalogue query, whose request body lists the
+    // purchases. The notice comes with the compound's lock held; the read must not deadlock.
+    if (compound) purchasesAtCountry.push_back(compound->inAppPurchases().size());
+  }
+  std::vector<size_t> purchasesAtCountry;
   void storeDidUpdateInformations(ZBIAPStore& store) override {
     // The compound store's lock is released by now: reading it back must not deadlock.
     purchaseCounts.push_back(compound ? compound->inAppPurchases().size()
@@ -334,6 +340,7 @@ TEST_F(CompoundStoreTest, CountryIsPassedUpOnlyOnceEveryStoreReported) {
   EXPECT_EQ(recorder_->countries, (std::vector<std::string>{"DE", "DE"}));
   compound_->store(*first_, "AT");
   EXPECT_EQ(recorder_->countries, (std::vector<std::string>{"DE", "DE", "AT"}));
+  EXPECT_EQ(recorder_->purchasesAtCountry.size(), 3u);
 }
 
 TEST(CompoundStoreThreadsTest, ConcurrentAnswersCompleteExactlyOnce) {

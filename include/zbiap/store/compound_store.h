@@ -107,11 +107,15 @@ class ZBIAPCompoundStore final : public ZBIAPStore,
   std::weak_ptr<ZBIAPStoreDelegate> storeDelegate_;
   std::weak_ptr<ZBIAPManager> manager_;
 
-  // "ZBIAP Compound Store": guards the two maps and the combined list. Stores are keyed by
-  // identity; `stores_` keeps them alive.
+  // "ZBIAP Compound Store": guards the two maps and the combined list while they are updated.
+  // Stores are keyed by identity; `stores_` keeps them alive.
   mutable std::mutex lock_;
   std::map<const ZBIAPStore*, std::string> countryCodeMap_;
   std::map<const ZBIAPStore*, std::vector<ZBIAPReceiptIAPPtr>> iapMap_;
+  // The combined list is an atomic property: reading it takes only its own short lock, never
+  // lock_, because the delegate reads it from inside the country notice, which lock_ covers
+  // (the manager's catalogue query sends the purchases along).
+  mutable std::mutex purchasesMutex_;
   std::vector<ZBIAPReceiptIAPPtr> inAppPurchases_;
 };
 
