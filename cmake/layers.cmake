@@ -19,3 +19,17 @@ function(zbiap_layer name)
     target_link_libraries(zbiap_${name} INTERFACE ${ARG_DEPS})
   endif()
 endfunction()
+
+# Adds to `target` a generated source that defines `std::string_view zbiap::<function>()`
+# returning the bytes of `input` (a path in the source tree), regenerated when the file changes.
+function(zbiap_embed_file target function input)
+  set(_output "${CMAKE_CURRENT_BINARY_DIR}/embedded_${function}.cc")
+  add_custom_command(
+    OUTPUT "${_output}"
+    COMMAND ${CMAKE_COMMAND} -DINPUT=${input} -DOUTPUT=${_output} -DFUNCTION=${function}
+            -P "${PROJECT_SOURCE_DIR}/cmake/embed_file.cmake"
+    DEPENDS "${input}" "${PROJECT_SOURCE_DIR}/cmake/embed_file.cmake"
+    COMMENT "Embedding ${input}"
+    VERBATIM)
+  target_sources(${target} PRIVATE "${_output}")
+endfunction()
