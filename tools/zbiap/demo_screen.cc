@@ -1,0 +1,136 @@
+#include "demo_screen.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "zbiap/catalog/product_feature.h"
+
+namespace zbiap::cli {
+namespace {
+
+constexpr size_t kWidth = 58;
+
+// The title of a feature: {"title": {"en": ...}} in the metadata the product gives it, else in
+// the catalogue's (a product may only add a badge); in `language`, else English, else the
+// identifier.
+std::string featureTitle(const ZBIAPManager& manager, const ZBIAPProductInfoV1& info,
+                         const std::string& identifier, const std::string& language) {
+  std::vector<ProductFeaturePtr> sources{info.metadataForFeatureIdentifier(identifier)};
+  if (auto baseline = manager.baselineFeatureMetadata()) {
+    for (const ProductFeaturePtr& candidate : *baseline) {
+      if (candidate->identifier() == identifier) sources.push_back(candidate);
+    }
+  }
+  for (const ProductFeaturePtr& feature : sources) {
+    if (!feature) continue;
+    const Value metadata = feature->metadata();
+    const Value& title = metadata["title"];
+    if (const std::string* text = title[language].asString()) return *text;
+    if (const std::string* text = title["en"].asString()) return *text;
+    if (const std::string* text = title.asString()) return *text;
+  }
+  return identifier;
+}
+
+std::vector<std::string> features(const ZBIAPManager& manager, const ZBIAPProductInfoV1& info,
+                                  const std::string& language) {
+  std::vector<std::string> titles;
+  if (auto set = info.featureSet()) {
+    for (const Value& feature : *set) {
+      if (const std::string* identifier = feature.asString()) {
+        titles.push_back(featureTitle(manager, info, *identifier, language));
+      }
+    }
+  }
+  return titles;
+}
+
+std::string text(const std::string* value) { return value ? *value : std::string(); }
+
+Value optionalText(const std::optional<std::string>& value) {
+  return value ? Value(*value) : Value::null();
+}
+
+// Pads `line` with spaces to the card's width, counting what shows: UTF-8 code points, not
+// bytes, and no escape sequences.
+std::string padded(const std::string& line) {
+  size_t points = 0;
+  bool escape = false;
+  for (unsigned char c : line) {
+    if (escape) {
+      escape = c != 'm';
+    } else if (c == 0x1b) {
+      escape = true;
+    } else {
+      points += (c & 0xC0) != 0x80 ? 1 : 0;
+    }
+  }
+  return line + std::string(points < kWidth ? kWidth - points : 0, ' ');
+}
+
+}  // namespace
+
+std::vector<std::shared_ptr<ZBIAPProductInfoV1>> storeScreenProducts(const ZBIAPManager& manager) {
+  std::vector<std::shared_ptr<ZBIAPProductInfoV1>> shown;
+  for (const auto& info : manager.dynamicProductInfosWithStoreProducts()) {
+    auto v1 = std::dynamic_pointer_cast<ZBIAPProductInfoV1>(info);
+    if (v1 && v1->active() && v1->defaultVisible()) shown.push_back(std::move(v1));
+  }
+  auto key = [](const ZBIAPProductInfoV1& info) {
+    return info.sortKey().doubleValue().value_or(std::numeric_limits<double>::max());
+  };
+  std::stable_sort(shown.begin(), shown.end(),
+                   [&](const auto& a, const auto& b) { return key(*a) < key(*b); });
+  return shown;
+}
+
+void showStoreScreen(DemoOutput& out, const ZBIAPManager& manager, const std::string& language) {
+  Array products;
+  std::string screen;
+  if (auto header = manager.htmlStoreHeader()) {
+    screen += out.dim() + "  header: " + *header + out.reset() + "\n";
+  }
+  for (const auto& info : storeScreenProducts(manager)) {
+    const std::vector<std::string> titles = features(manager, *info, language);
+    const std::optional<std::string> price = info->localizedPrice();
+    const std::optional<std::string> oldPrice =
+        info->oldPrice() ? info->localizedOldPrice() : std::nullopt;
+    Array featureList(titles.begin(), titles.end());
+    Dictionary product{
+        {"identifier", Value(info->productIdentifier())},
+        {"title", Value(text(info->localizedTitle()))},
+        {"subtitle", Value(text(info->localizedSubtitle()))},
+        {"description", Value(text(info->localizedDescription()))},
+        {"features", Value(std::move(featureList))},
+        {"price", optionalText(price)},
+        {"oldPrice", optionalText(oldPrice)},
+        {"titleColor", info->titleColor() ? Value(info->titleColor()->hexString()) : Value::null()},
+        {"backgroundColor",
+         info->backgroundColor() ? Value(info->backgroundColor()->hexString()) : Value::null()},
+    };
+    products.emplace_back(std::move(product));
+
+    // A card: the catalogue's background behind the catalogue's title colour.
+    const std::string on = out.background(info->backgroundColor());
+    const std::string ink = out.foreground(info->titleColor());
+    auto line = [&](const std::string& content) {
+      screen += "  " + on + ink + " " + padded(content) + " " + out.reset() + "\n";
+    };
+    std::string priceText = price.value_or("(no price)");
+    if (oldPrice) priceText += "  " + out.struck(*oldPrice) + on + ink;
+    line("");
+    line(out.bold() + text(info->localizedTitle()) + out.reset() + on + ink);
+    if (info->localizedSubtitle()) line(*info->localizedSubtitle());
+    if (info->localizedDescription()) line(*info->localizedDescription());
+    for (const std::string& title : titles) line("  + " + title);
+    line(priceText);
+    line("");
+    screen += "\n";
+  }
+  Dictionary fields{{"header", optionalText(manager.htmlStoreHeader())},
+                    {"products", Value(std::move(products))}};
+  out.event("catalog", std::move(fields), screen);
+}
+
+}  // namespace zbiap::cli
