@@ -12,6 +12,7 @@
 #include <string>
 
 #include "commands.h"
+#include "options.h"
 #include "zbiap/devserver/catalog_server.h"
 
 namespace zbiap::cli {
@@ -28,43 +29,19 @@ struct Options {
   int port = 0;
 };
 
-// False on bad usage, with the reason printed.
+// False on bad usage, with the reason and the usage printed.
 bool parseOptions(const Args& args, Options& options) {
-  for (size_t i = 0; i < args.size(); ++i) {
-    std::string name = args[i];
-    std::string value;
-    bool hasValue = false;
-    if (size_t equals = name.find('='); name.rfind("--", 0) == 0 && equals != std::string::npos) {
-      value = name.substr(equals + 1);
-      name.resize(equals);
-      hasValue = true;
-    }
-    if (name != "--catalog" && name != "--port") {
-      std::fprintf(stderr, "zbiap serve: unknown argument '%s'\n", args[i].c_str());
+  OptionParser parser("zbiap serve", kUsage);
+  std::string port;
+  parser.value("--catalog", &options.catalog);
+  parser.value("--port", &port);
+  if (!parser.parse(args, nullptr, 0, 0)) return false;
+  if (!port.empty()) {
+    auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), options.port);
+    if (error != std::errc() || end != port.data() + port.size() || options.port < 0 ||
+        options.port > 65535) {
+      parser.fail("--port wants a number from 0 to 65535, not '" + port + "'");
       return false;
-    }
-    if (!hasValue) {
-      if (i + 1 == args.size()) {
-        std::fprintf(stderr, "zbiap serve: %s needs a value\n", name.c_str());
-        return false;
-      }
-      value = args[++i];
-    }
-    if (name == "--catalog") {
-      if (value.empty()) {
-        std::fprintf(stderr, "zbiap serve: --catalog needs a file\n");
-        return false;
-      }
-      options.catalog = value;
-    } else {
-      int port = -1;
-      auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), port);
-      if (error != std::errc() || end != value.data() + value.size() || port < 0 || port > 65535) {
-        std::fprintf(stderr, "zbiap serve: --port wants a number from 0 to 65535, not '%s'\n",
-                     value.c_str());
-        return false;
-      }
-      options.port = port;
     }
   }
   return true;
@@ -86,10 +63,7 @@ void printNewRequests(const CatalogServer& server, size_t& printed) {
 
 int runServe(const Args& args) {
   Options options;
-  if (!parseOptions(args, options)) {
-    std::fputs(kUsage, stderr);
-    return 2;
-  }
+  if (!parseOptions(args, options)) return 2;
   auto server = CatalogServer::create();
   if (server == nullptr) {
     std::fprintf(stderr, "zbiap serve: cannot make the server's RSA key\n");
@@ -144,7 +118,6 @@ int runServe(const Args& args) {
 
 }  // namespace
 
-ZBIAP_REGISTER_COMMAND(serve, "serve", "run the development catalogue server ([--catalog FILE])",
-                       runServe);
+ZBIAP_REGISTER_COMMAND(serve, "serve", "run the development catalogue server alone", runServe);
 
 }  // namespace zbiap::cli
