@@ -6,9 +6,13 @@ HttpTestServer::HttpTestServer() = default;
 
 HttpTestServer::~HttpTestServer() { stop(); }
 
-bool HttpTestServer::start() {
+bool HttpTestServer::start(int port) {
   if (port_ > 0) return true;
-  port_ = server_.bind_to_any_port("127.0.0.1");
+  if (port == 0) {
+    port_ = server_.bind_to_any_port("127.0.0.1");
+  } else if (server_.bind_to_port("127.0.0.1", port)) {
+    port_ = port;
+  }
   if (port_ <= 0) return false;
   thread_ = std::thread([this] {
     server_.listen_after_bind();

@@ -28,9 +28,10 @@ class HttpTestServer {
 
   httplib::Server& server() { return server_; }
 
-  // Binds a free loopback port and serves on a background thread; false when binding failed.
-  // The port accepts connections as soon as this returns.
-  bool start();
+  // Binds a loopback port (`port`, or a free one when 0) and serves on a background thread; false
+  // when binding failed. The port accepts connections as soon as this returns. A test plays a
+  // server that went down and came back with a second server started on the first one's port.
+  bool start(int port = 0);
   void stop();
 
   int port() const { return port_; }
