@@ -35,7 +35,7 @@ struct ThreadParser {
       capacity = buffer ? grown : 0;
       if (!buffer) return simdjson::MEMALLOC;
     }
-    std::memcpy(buffer.get(), text.data(), text.size());
+    if (!text.empty()) std::memcpy(buffer.get(), text.data(), text.size());
     std::memset(buffer.get() + text.size(), 0, simdjson::SIMDJSON_PADDING);
     return parser.parse(reinterpret_cast<const uint8_t*>(buffer.get()), text.size(), false)
         .get(*root);

@@ -52,6 +52,8 @@ class AccountFaultTest : public ::testing::Test {
   }
 
   void TearDown() override {
+    // A held fetch holds its manager: drop them, or each manager keeps itself alive.
+    for (const auto& fetcher : fetchers_) fetcher->dropPending();
     manager_.reset();
     platform_.reset();
   }
@@ -59,8 +61,9 @@ class AccountFaultTest : public ::testing::Test {
   std::shared_ptr<ZBIAPManager> makeManager() {
     auto store = ZBIAPStoreMorvane::initWithBaseURL(server_.baseURL());
     store->setMorvaneStoreDelegate(host_);
+    fetchers_.push_back(FakeFetcher::create());
     auto manager = ZBIAPManager::create(
-        ZBIAPManagerConfiguration::create(store, "com.example.web.a", "US", FakeFetcher::create()));
+        ZBIAPManagerConfiguration::create(store, "com.example.web.a", "US", fetchers_.back()));
     manager->commitConfiguration();
     platform_->runUntilIdle();
     return manager;
@@ -92,6 +95,7 @@ class AccountFaultTest : public ::testing::Test {
   std::unique_ptr<TestPlatform> platform_;
   AccountServer server_;
   std::shared_ptr<AccountHost> host_ = std::make_shared<AccountHost>();
+  std::vector<std::shared_ptr<FakeFetcher>> fetchers_;
   std::shared_ptr<ZBIAPManager> manager_;
 };
 

@@ -105,7 +105,13 @@ class CompoundStoreTest : public ::testing::Test {
     recorder_->compound = compound_;
     compound_->setStoreDelegate(recorder_);
   }
-  void TearDown() override { recorder_->compound.reset(); }
+  void TearDown() override {
+    recorder_->compound.reset();
+    // The scripted stores keep every completion they were given, and a compound restore's
+    // completions hold their store: drop them, or each store would keep itself alive.
+    first_->restores.clear();
+    second_->restores.clear();
+  }
 
   std::shared_ptr<ScriptStore> first_ = std::make_shared<ScriptStore>();
   std::shared_ptr<ScriptStore> second_ = std::make_shared<ScriptStore>();

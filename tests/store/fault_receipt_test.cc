@@ -22,14 +22,15 @@ class ReceiptFaultTest : public StoreAppleTest {
   void SetUp() override {
     StoreAppleTest::SetUp();
     store_ = ZBIAPStoreApple::create();
-    manager_ = ZBIAPManager::create(
-        ZBIAPManagerConfiguration::create(store_, kLifetime, "US", FakeFetcher::create()));
+    manager_ =
+        ZBIAPManager::create(ZBIAPManagerConfiguration::create(store_, kLifetime, "US", fetcher_));
     ASSERT_TRUE(manager_);
     manager_->commitConfiguration();
     platform_.runUntilIdle();
   }
 
   void TearDown() override {
+    fetcher_->dropPending();  // a held fetch holds the manager
     manager_.reset();
     store_.reset();
     StoreAppleTest::TearDown();
@@ -52,6 +53,7 @@ class ReceiptFaultTest : public StoreAppleTest {
   }
 
   std::shared_ptr<ZBIAPStoreApple> store_;
+  std::shared_ptr<FakeFetcher> fetcher_ = FakeFetcher::create();
   std::shared_ptr<ZBIAPManager> manager_;
 };
 
