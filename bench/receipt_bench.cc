@@ -16,10 +16,10 @@
 #include <cstdlib>
 #include <new>
 
+#include "bench/receipt_fixture.h"
 #include "testing/testdata.h"
 #include "zbiap/store/asn1_parser.h"
 #include "zbiap/store/receipt_parser.h"
-#include "zbiap/storekit/receipt_writer.h"
 
 namespace {
 
@@ -55,35 +55,6 @@ void operator delete(void* p, size_t) noexcept {
 
 namespace {
 
-zbiap::Data writerReceipt(int purchases) {
-  auto writer = zbiap::ReceiptWriter::create();
-  zbiap::ReceiptContents c;
-  c.bundleIdentifier = "com.example.benchmark";
-  c.appVersion = "4.2.1";
-  c.originalAppVersion = "1.0";
-  c.creationDate = zbiap::Date::fromMicrosSince1970(1700000000000000);
-  c.originalPurchaseDate = zbiap::Date::fromMicrosSince1970(1500000000000000);
-  for (int i = 0; i < purchases; ++i) {
-    zbiap::ReceiptPurchase p;
-    p.productIdentifier = "com.example.app.monthly." + std::to_string(i % 4);
-    p.transactionIdentifier = std::to_string(320000000000000 + i);
-    p.originalTransactionIdentifier = std::to_string(320000000000000 + i / 12 * 12);
-    p.purchaseDate = zbiap::Date::fromMicrosSince1970((1600000000LL + i * 2592000LL) * 1000000);
-    p.originalPurchaseDate =
-        zbiap::Date::fromMicrosSince1970((1600000000LL + i / 12 * 12 * 2592000LL) * 1000000);
-    p.subscriptionExpirationDate =
-        zbiap::Date::fromMicrosSince1970((1600000000LL + (i + 1) * 2592000LL) * 1000000);
-    p.webOrderLineItemID = 320000000000000 + i;
-    // What the App Store writes besides: the types the reader ignores.
-    for (int64_t type : {1707, 1719}) {
-      zbiap::Data value = {0x02, 0x01, 0x00};
-      p.extraAttributes.push_back({type, 1, value});
-    }
-    c.purchases.push_back(std::move(p));
-  }
-  return *writer->write(c);
-}
-
 void decode(benchmark::State& state, const zbiap::Data& data) {
   auto parser = ZBIAPReceiptParser::fromReceiptData(data);
   if (!parser->isLoaded()) {
@@ -113,7 +84,7 @@ void decode(benchmark::State& state, const zbiap::Data& data) {
 void BM_ReceiptDecodeWriter(benchmark::State& state) {
   static std::map<int64_t, zbiap::Data> receipts;
   auto& data = receipts[state.range(0)];
-  if (data.empty()) data = writerReceipt(static_cast<int>(state.range(0)));
+  if (data.empty()) data = zbiap::bench::makeWriterReceipt(static_cast<int>(state.range(0)));
   decode(state, data);
 }
 BENCHMARK(BM_ReceiptDecodeWriter)->Arg(10)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
@@ -124,8 +95,7 @@ zbiap::Data readFile(const std::filesystem::path& path) {
 }
 
 void BM_ReceiptDecodeReal187(benchmark::State& state) {
-  zbiap::Data data =
-      readFile(zbiap::testing::testdataDir() / "receipts" / "sandbox-2020-nutcall-187iap.der");
+  zbiap::Data data = zbiap::bench::realReceipt187();
   if (data.empty()) {
     state.SkipWithError("shared test material not found");
     return;
@@ -153,7 +123,7 @@ BENCHMARK(ReceiptDecodeFile)->Unit(benchmark::kMicrosecond);
 void BM_ASN1ParseReceiptContent(benchmark::State& state) {
   static zbiap::Data data = [] {
     zbiap::ASN1Tree container;
-    zbiap::Data receipt = writerReceipt(10000);
+    zbiap::Data receipt = zbiap::bench::makeWriterReceipt(10000);
     ZBIAPASN1Parser::parseASN1Data(receipt, &container);
     // ContentInfo [1] -> [0] SignedData -> encapsulated content info [2] -> [0] -> octets.
     auto octets = container[0][1].tagValue()[0][2][1].tagValue()[0].bytes();
