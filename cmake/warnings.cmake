@@ -1,7 +1,10 @@
 # Warnings are errors for our own targets; third-party headers come in as SYSTEM.
 add_library(zbiap_warnings INTERFACE)
 target_compile_options(zbiap_warnings INTERFACE
-  -Wall -Wextra -Werror -Wno-unused-parameter -Wnon-virtual-dtor -Wshadow=local)
+  -Wall -Wextra -Werror -Wno-unused-parameter -Wnon-virtual-dtor
+  # Shadowed locals, in each compiler's spelling.
+  $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local>
+  $<$<CXX_COMPILER_ID:Clang>:-Wshadow-uncaptured-local>)
 
 if(ZBIAP_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined
