@@ -25,24 +25,13 @@ constexpr char kSavedKey[] = "ZBIAPProductInfos";
 
 class DefaultsFaultTest : public ManagerTest {
  protected:
-  // A manager ready with `products`, saved.
+  // A manager ready with `products`, from the bundle's copy and then the server's answer.
   void startReady(const std::vector<Dictionary>& products) {
     fetcher_->setBundle(FakeFetcher::succeed(makeResponse(products)));
     store_->scriptCountry(Answer::kAtOnce, "DE");
     makeManager();
     commit();
     fetcher_->answerPending(FakeFetcher::succeed(makeResponse(products)));
-    ASSERT_TRUE(manager_->isReady());
-    ASSERT_TRUE(saved().has_value());
-  }
-
-  // A manager ready from the bundle's copy (nothing readable saved), then the server's `a_`.
-  void startReadyFromBundle() {
-    fetcher_->setBundle(FakeFetcher::succeed(makeResponse(a_)));
-    store_->scriptCountry(Answer::kAtOnce, "DE");
-    makeManager();
-    commit();
-    fetcher_->answerPending(FakeFetcher::succeed(makeResponse(a_)));
     ASSERT_TRUE(manager_->isReady());
   }
 
@@ -58,14 +47,7 @@ class DefaultsFaultTest : public ManagerTest {
 
   // What a new launch restores, before any answer arrives.
   std::vector<std::string> relaunchedCatalogue() {
-    store_->dropPending();
-    fetcher_->dropPending();
-    platform_->reopenUserDefaults();
-    store_ = FakeStore::create();
-    fetcher_ = FakeFetcher::create();
-    configuration_ = ZBIAPManagerConfiguration::create(store_, kCountryProduct, "US", fetcher_);
-    makeManager();
-    commit();
+    relaunch();
     return ids();
   }
 
@@ -130,6 +112,7 @@ class LockingProcess {
 
 TEST_F(DefaultsFaultTest, LockedByAnotherProcess) {
   startReady(a_);
+  ASSERT_TRUE(saved().has_value());
   const std::optional<Data> before = saved();
   {
     LockingProcess holder(platform_->userDefaultsPath().string());
@@ -156,7 +139,7 @@ TEST_F(DefaultsFaultTest, DamagedFileIsLeftAsItIs) {
   }
   platform_->reopenUserDefaults();
   // Nothing readable is saved: the bundle's copy starts the app, the server's answer follows.
-  startReadyFromBundle();
+  startReady(a_);
   EXPECT_EQ(refresh(ab_), nullptr);
   EXPECT_EQ(ids(), (std::vector<std::string>{"a", "b"}));
   // Whatever the file holds, the library does not destroy it.
@@ -165,6 +148,7 @@ TEST_F(DefaultsFaultTest, DamagedFileIsLeftAsItIs) {
 
 TEST_F(DefaultsFaultTest, ReadOnlyFileKeepsWhatItHas) {
   startReady(a_);
+  ASSERT_TRUE(saved().has_value());
   const std::string before = fileBytes();
   const std::string path = platform_->userDefaultsPath().string();
   // Root writes through file modes, but not through the immutable flag.
@@ -197,6 +181,7 @@ TEST_F(DefaultsFaultTest, ReadOnlyFileKeepsWhatItHas) {
 TEST_F(DefaultsFaultTest, ProcessKilledDuringASaveLeavesAWholeCatalogue) {
   // The two catalogues as the manager saves them.
   startReady(ab_);
+  ASSERT_TRUE(saved().has_value());
   const Data two = *saved();
   ASSERT_EQ(refresh(abc_), nullptr);
   const Data three = *saved();

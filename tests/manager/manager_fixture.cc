@@ -66,6 +66,17 @@ void ManagerTest::commit() {
   runUntilIdle();
 }
 
+void ManagerTest::relaunch() {
+  store_->dropPending();
+  fetcher_->dropPending();
+  platform_->reopenUserDefaults();
+  store_ = FakeStore::create();
+  fetcher_ = FakeFetcher::create();
+  configuration_ = ZBIAPManagerConfiguration::create(store_, kCountryProduct, "US", fetcher_);
+  makeManager();
+  commit();
+}
+
 size_t ManagerTest::logCount(std::string_view message) const {
   const std::string text = ZBIAPMemoryLogger::combinedLogString();
   const std::string needle = "[ZBIAPManager] " + std::string(message);

@@ -38,6 +38,8 @@ class ManagerTest : public ::testing::Test {
   std::shared_ptr<ZBIAPManager> makeManager();
   // Commits and runs what is due now.
   void commit();
+  // The next launch: the defaults file opened anew, a new store, fetcher and manager, committed.
+  void relaunch();
   void runUntilIdle() { platform_->runUntilIdle(); }
   void advance(std::chrono::seconds seconds) { platform_->advanceBy(seconds); }
 

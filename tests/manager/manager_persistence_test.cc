@@ -23,14 +23,7 @@ TEST_F(PersistenceTest, CatalogueAndFeaturesSurviveANewLaunch) {
   ASSERT_EQ(manager_->state(), ZBIAPManagerStateReadyProductInfos);
   const ZBIAPManager::ProductInfos before = manager_->dynamicProductInfos();
 
-  // The next launch: the defaults file opened anew, a new store, fetcher and manager.
-  store_->dropPending();
-  platform_->reopenUserDefaults();
-  store_ = FakeStore::create();
-  fetcher_ = FakeFetcher::create();
-  configuration_ = ZBIAPManagerConfiguration::create(store_, kCountryProduct, "US", fetcher_);
-  makeManager();
-  commit();
+  relaunch();
 
   EXPECT_EQ(fetcher_->bundleFetchCount(), 0u);
   EXPECT_EQ(manager_->state(), ZBIAPManagerStateConfiguring);
