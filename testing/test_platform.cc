@@ -91,11 +91,14 @@ class TestPlatform::Impl final : public Platform {
     auto defaults = std::make_unique<SQLiteUserDefaults>(
         defaultsPath(), [this](std::string_view line) { systemLog(line); }, options);
     std::unique_ptr<SQLiteUserDefaults> old;
-    std::lock_guard<std::mutex> lock(mu_);
-    old = std::move(defaults_);
-    // The old connection closes before the new one first touches the file.
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      old = std::move(defaults_);
+      defaults_ = std::move(defaults);
+    }
+    // The old connection closes outside mu_ (its log sink takes mu_), and before the new one
+    // first touches the file: connections open at their first use, after this returns.
     old.reset();
-    defaults_ = std::move(defaults);
   }
 
   std::filesystem::path defaultsPath() const { return root_ / "defaults.sqlite3"; }

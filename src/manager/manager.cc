@@ -76,16 +76,22 @@ void ZBIAPManager::commitConfiguration() {
   bool restored;
   const std::shared_ptr<ZBIAPStore>& store = configuration_->store();
   const std::shared_ptr<ZBIAPProductInfoFetcher>& fetcher = configuration_->fetcher();
+  // The store is asked outside the manager's lock: the store tells its delegate of the country
+  // with its own lock held, and the manager takes its lock inside that notice, so taking the
+  // store's lock inside the manager's would order the two locks both ways.
+  fetcher->setOwner(weak_from_this());
+  std::vector<ZBIAPReceiptIAPPtr> purchases = store->inAppPurchases();
+  std::optional<zbiap::Date> originalPurchaseDate = store->originalPurchaseDate();
+  std::optional<std::string> originalPurchaseVersion = store->originalPurchaseVersion();
   {
     Lock lock(mutex_);
-    fetcher->setOwner(weak_from_this());
-    inAppPurchases_ = store->inAppPurchases();
-    cachedOriginalPurchaseDate_ = store->originalPurchaseDate();
-    cachedOriginalPurchaseVersion_ = store->originalPurchaseVersion();
-    store->setStoreDelegate(weak_from_this());
-    store->setManager(weak_from_this());
+    inAppPurchases_ = std::move(purchases);
+    cachedOriginalPurchaseDate_ = std::move(originalPurchaseDate);
+    cachedOriginalPurchaseVersion_ = std::move(originalPurchaseVersion);
     restored = locked_restoreProductInfosAndBaselineFeatures();
   }
+  store->setStoreDelegate(weak_from_this());
+  store->setManager(weak_from_this());
 
   if (!restored) {
     auto self = shared_from_this();

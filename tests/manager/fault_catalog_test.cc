@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -79,10 +80,23 @@ class CatalogFaultTest : public ::testing::Test {
     return server_->start(port);
   }
 
+  // What the server answers from now on; the server's threads read it.
+  void serve(std::string body, Fault fault = Fault::kNone) {
+    std::lock_guard lock(mutex_);
+    body_ = std::move(body);
+    fault_ = fault;
+  }
+
   void answer(httplib::Response& response) {
-    std::string body = body_;
+    std::string body;
+    Fault fault;
+    {
+      std::lock_guard lock(mutex_);
+      body = body_;
+      fault = fault_;
+    }
     std::string signature = signer_->sign(body);
-    switch (fault_) {
+    switch (fault) {
       case Fault::kNone:
         break;
       case Fault::kStatus500:
@@ -151,7 +165,7 @@ class CatalogFaultTest : public ::testing::Test {
 
   // Ready with catalogue {a, b}, saved.
   void becomeReadyWithFirstCatalogue() {
-    body_ = catalogue({"com.example.a", "com.example.b"});
+    serve(catalogue({"com.example.a", "com.example.b"}));
     manager_->commitConfiguration();
     ASSERT_TRUE(runUntil([&] { return catalogueIds().size() == 2; }));
     ASSERT_TRUE(manager_->isReady());
@@ -165,6 +179,7 @@ class CatalogFaultTest : public ::testing::Test {
   std::unique_ptr<HttpTestServer> server_;
   std::shared_ptr<FakeStore> store_;
   std::shared_ptr<ZBIAPManager> manager_;
+  std::mutex mutex_;
   std::string body_;
   Fault fault_ = Fault::kNone;
 };
@@ -189,9 +204,8 @@ TEST_F(CatalogFaultTest, EachFaultKeepsTheLastGoodCatalogueUntilTheServerRecover
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    fault_ = c.fault;
     // The next catalogue is ready on the server, but the fault keeps it from arriving.
-    body_ = catalogue({"com.example.c"});
+    serve(catalogue({"com.example.c"}), c.fault);
     EXPECT_EQ(refresh() != nullptr, c.errorObject);
     EXPECT_EQ(catalogueIds(), good);
     EXPECT_EQ(saved(), goodSaved);
@@ -200,8 +214,7 @@ TEST_F(CatalogFaultTest, EachFaultKeepsTheLastGoodCatalogueUntilTheServerRecover
   server_->release();  // the request the silent server parked
 
   // The fault ends: the next refresh takes the new catalogue and saves it.
-  fault_ = Fault::kNone;
-  body_ = catalogue({"com.example.b", "com.example.c"});
+  serve(catalogue({"com.example.b", "com.example.c"}));
   EXPECT_EQ(refresh(), nullptr);
   EXPECT_EQ(catalogueIds(), (std::vector<std::string>{"com.example.b", "com.example.c"}));
   EXPECT_NE(saved(), goodSaved);
@@ -215,7 +228,7 @@ TEST_F(CatalogFaultTest, AServerThatIsDownAndComesBack) {
   const int port = server_->port();
 
   server_.reset();  // nobody listens on the port
-  body_ = catalogue({"com.example.c"});
+  serve(catalogue({"com.example.c"}));
   ZBIAPErrorPtr error = refresh();
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->domain(), kNSURLErrorDomain);
