@@ -1,5 +1,6 @@
+#include <algorithm>
 #include <cstdint>
-#include <functional>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -14,30 +15,53 @@ namespace {
 // Small dictionaries are searched linearly; from this size on a hash index of positions is kept.
 constexpr size_t kIndexThreshold = 12;
 
-// Open-addressing table of positions into the entry vector (slot value = position + 1, 0 =
-// empty). It holds positions, not keys, so copies of a dictionary can share it.
-struct Index {
-  std::vector<uint32_t> slots;
-  size_t mask = 0;
-};
+// The index is one shared array: element 0 holds the mask, elements 1..mask+1 an open-addressing
+// table of positions into the entry vector (position + 1; 0 = empty). It holds positions, not
+// keys, so copies of a dictionary can share it.
 
-size_t keyHash(std::string_view key) { return std::hash<std::string_view>()(key); }
+// Keys are short: a word at a time, multiplied and folded, is far cheaper than the standard
+// library's byte-wise hash and spreads such keys as well.
+size_t keyHash(std::string_view key) {
+  constexpr uint64_t kMul = 0x9E3779B97F4A7C15ull;
+  uint64_t h = key.size() * kMul;
+  const char* p = key.data();
+  size_t n = key.size();
+  for (; n >= 8; p += 8, n -= 8) {
+    uint64_t word;
+    std::memcpy(&word, p, 8);
+    h = (h ^ word) * kMul;
+    h ^= h >> 29;
+  }
+  if (n > 0) {
+    uint64_t word = 0;
+    std::memcpy(&word, p, n);
+    h = (h ^ word) * kMul;
+  }
+  h ^= h >> 32;
+  return static_cast<size_t>(h);
+}
 
-std::shared_ptr<Index> buildIndex(const std::vector<Dictionary::Entry>& entries) {
-  auto index = std::make_shared<Index>();
+uint32_t* slotsOf(const std::shared_ptr<void>& index) {
+  return static_cast<uint32_t*>(index.get());
+}
+
+// Sized for the entries the vector has room for, so a dictionary filled after reserve() builds
+// its index once.
+std::shared_ptr<void> buildIndex(const std::vector<Dictionary::Entry>& entries) {
+  const size_t planned = std::max(entries.size(), entries.capacity());
   size_t capacity = 16;
-  while (capacity < entries.size() * 2) capacity <<= 1;
-  index->slots.assign(capacity, 0);
-  index->mask = capacity - 1;
+  while (capacity < planned * 2) capacity <<= 1;
+  std::shared_ptr<uint32_t[]> index = std::make_shared<uint32_t[]>(capacity + 1);
+  uint32_t* slots = index.get();
+  const size_t mask = capacity - 1;
+  slots[0] = static_cast<uint32_t>(mask);
   for (size_t i = 0; i < entries.size(); ++i) {
-    size_t slot = keyHash(entries[i].first) & index->mask;
-    while (index->slots[slot] != 0) slot = (slot + 1) & index->mask;
-    index->slots[slot] = static_cast<uint32_t>(i + 1);
+    size_t slot = keyHash(entries[i].first) & mask;
+    while (slots[slot + 1] != 0) slot = (slot + 1) & mask;
+    slots[slot + 1] = static_cast<uint32_t>(i + 1);
   }
   return index;
 }
-
-const Index* asIndex(const std::shared_ptr<void>& p) { return static_cast<const Index*>(p.get()); }
 
 }  // namespace
 
@@ -60,12 +84,13 @@ const Value* Dictionary::find(std::string_view key) const {
     }
     return nullptr;
   }
-  const Index* index = asIndex(index_);
-  size_t slot = keyHash(key) & index->mask;
-  while (uint32_t pos = index->slots[slot]) {
+  const uint32_t* slots = slotsOf(index_);
+  const size_t mask = slots[0];
+  size_t slot = keyHash(key) & mask;
+  while (uint32_t pos = slots[slot + 1]) {
     const Entry& e = entries_[pos - 1];
     if (e.first == key) return &e.second;
-    slot = (slot + 1) & index->mask;
+    slot = (slot + 1) & mask;
   }
   return nullptr;
 }
@@ -76,22 +101,36 @@ const Value& Dictionary::operator[](std::string_view key) const {
 }
 
 void Dictionary::set(std::string key, Value value) {
-  if (const Value* existing = find(key)) {
-    *const_cast<Value*>(existing) = std::move(value);
+  if (!index_) {
+    for (Entry& e : entries_) {
+      if (e.first == key) {
+        e.second = std::move(value);
+        return;
+      }
+    }
+    entries_.emplace_back(std::move(key), std::move(value));
+    if (entries_.size() >= kIndexThreshold) rebuildIndex();
     return;
   }
+  // One probe finds either the key or the empty slot where it belongs.
+  uint32_t* slots = slotsOf(index_);
+  const size_t mask = slots[0];
+  size_t slot = keyHash(key) & mask;
+  while (uint32_t pos = slots[slot + 1]) {
+    Entry& e = entries_[pos - 1];
+    if (e.first == key) {
+      e.second = std::move(value);
+      return;
+    }
+    slot = (slot + 1) & mask;
+  }
   entries_.emplace_back(std::move(key), std::move(value));
-  if (entries_.size() < kIndexThreshold) return;
   // Rebuild when the table would fill beyond half or is shared with a copy; else insert.
-  const Index* index = asIndex(index_);
-  if (!index || index_.use_count() > 1 || entries_.size() * 2 > index->slots.size()) {
+  if (index_.use_count() > 1 || entries_.size() * 2 > mask + 1) {
     rebuildIndex();
     return;
   }
-  auto* mutableIndex = const_cast<Index*>(index);
-  size_t slot = keyHash(entries_.back().first) & mutableIndex->mask;
-  while (mutableIndex->slots[slot] != 0) slot = (slot + 1) & mutableIndex->mask;
-  mutableIndex->slots[slot] = static_cast<uint32_t>(entries_.size());
+  slots[slot + 1] = static_cast<uint32_t>(entries_.size());
 }
 
 bool Dictionary::remove(std::string_view key) {
