@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -94,13 +95,27 @@ class KeyIndex {
     const uint8_t count = counts_[key.size()];
     for (uint8_t i = 0; i < count; ++i) {
       const uint8_t row = buckets_[key.size()][i];
-      if (table_[row].key == key) return row;
+      if (sameBytes(table_[row].key.data(), key.data(), key.size())) return row;
     }
     return -1;
   }
 
  private:
   static constexpr size_t kMaxLength = 32;
+  // Equal-length keys compared inline, a word at a time: these keys are short, and a library
+  // memcmp call per dictionary entry costs more than the comparison itself.
+  static bool sameBytes(const char* a, const char* b, size_t n) {
+    for (; n >= 8; a += 8, b += 8, n -= 8) {
+      uint64_t x, y;
+      std::memcpy(&x, a, 8);
+      std::memcpy(&y, b, 8);
+      if (x != y) return false;
+    }
+    for (; n > 0; ++a, ++b, --n) {
+      if (*a != *b) return false;
+    }
+    return true;
+  }
   const std::array<KeyTableEntry<Record>, N>& table_;
   std::array<uint8_t, kMaxLength> counts_{};
   std::array<std::array<uint8_t, N>, kMaxLength> buckets_{};
