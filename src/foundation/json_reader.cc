@@ -52,19 +52,21 @@ Value convert(simdjson::dom::element e, internal::Arena* arena) {
   switch (e.type()) {
     case element_type::ARRAY: {
       simdjson::dom::array a = e.get_array().value_unsafe();
-      Array out;
-      out.reserve(a.size());
-      for (simdjson::dom::element child : a) out.push_back(convert(child, arena));
-      return internal::ValueAccess::array(arena, std::move(out));
+      Value value;
+      Array* out = internal::ValueAccess::array(arena, &value);
+      out->reserve(a.size());
+      for (simdjson::dom::element child : a) out->push_back(convert(child, arena));
+      return value;
     }
     case element_type::OBJECT: {
       simdjson::dom::object o = e.get_object().value_unsafe();
-      Dictionary out;
-      out.reserve(o.size());
+      Value value;
+      Dictionary* out = internal::ValueAccess::dictionary(arena, &value);
+      out->reserve(o.size());
       for (simdjson::dom::key_value_pair kv : o) {
-        out.set(std::string(kv.key), convert(kv.value, arena));
+        out->set(std::string(kv.key), convert(kv.value, arena));
       }
-      return internal::ValueAccess::dictionary(arena, std::move(out));
+      return value;
     }
     case element_type::INT64:
       return Value(e.get_int64().value_unsafe());

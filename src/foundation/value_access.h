@@ -19,15 +19,19 @@ class ValueAccess {
     v.v_ = std::allocate_shared<const std::string>(ArenaAllocator<char>(arena), s);
     return v;
   }
-  static Value array(Arena* arena, Array a) {
-    Value v;
-    v.v_ = std::allocate_shared<const Array>(ArenaAllocator<char>(arena), std::move(a));
-    return v;
+  // An empty array or dictionary in the arena, made the value of `out`, for the builder to
+  // fill before the value is shared: building in place spares a move of the container.
+  static Array* array(Arena* arena, Value* out) {
+    auto node = std::allocate_shared<Array>(ArenaAllocator<char>(arena));
+    Array* raw = node.get();
+    out->v_.emplace<std::shared_ptr<const Array>>(std::move(node));
+    return raw;
   }
-  static Value dictionary(Arena* arena, Dictionary d) {
-    Value v;
-    v.v_ = std::allocate_shared<const Dictionary>(ArenaAllocator<char>(arena), std::move(d));
-    return v;
+  static Dictionary* dictionary(Arena* arena, Value* out) {
+    auto node = std::allocate_shared<Dictionary>(ArenaAllocator<char>(arena));
+    Dictionary* raw = node.get();
+    out->v_.emplace<std::shared_ptr<const Dictionary>>(std::move(node));
+    return raw;
   }
 };
 
