@@ -3,7 +3,8 @@
 //
 // Each node allocated through ArenaAllocator holds a reference on the arena and releases it when
 // the node is freed; the arena frees its chunks when the last reference goes. Allocation is for
-// the one thread building the tree; releases may happen on any thread.
+// the one thread building the tree, which counts the nodes' references without atomic operations
+// and hands them over in finishBuilding(); releases may happen on any thread, at any time.
 #ifndef ZBIAP_SRC_FOUNDATION_ARENA_H_
 #define ZBIAP_SRC_FOUNDATION_ARENA_H_
 
@@ -18,16 +19,28 @@ namespace zbiap::internal {
 
 class Arena {
  public:
-  // Starts with one reference, the builder's.
+  // Starts with the builder's reference.
   static Arena* create() { return new Arena(); }
   Arena(const Arena&) = delete;
   Arena& operator=(const Arena&) = delete;
 
-  void retain() { refs_.fetch_add(1, std::memory_order_relaxed); }
+  // A node's memory, with the reference the node holds. Builder thread only.
+  void* allocateNode(size_t size, size_t align) {
+    ++nodes_;
+    return allocate(size, align);
+  }
+  // The builder is done: the nodes' references become the whole count and the builder's goes.
+  // While building, the count holds kBuilding in their place, which no release can exhaust.
+  void finishBuilding() {
+    const size_t handOver = kBuilding - nodes_;
+    if (refs_.fetch_sub(handOver, std::memory_order_acq_rel) == handOver) delete this;
+  }
+  // A node's release.
   void release() {
     if (refs_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
 
+ private:
   void* allocate(size_t size, size_t align) {
     uintptr_t p = (reinterpret_cast<uintptr_t>(cursor_) + align - 1) & ~(align - 1);
     if (cursor_ == nullptr || p + size > reinterpret_cast<uintptr_t>(end_)) {
@@ -38,11 +51,11 @@ class Arena {
     return reinterpret_cast<void*>(p);
   }
 
- private:
   struct Chunk {
     Chunk* next;
   };
   static constexpr size_t kChunkSize = 32 * 1024;
+  static constexpr size_t kBuilding = size_t{1} << 48;
 
   Arena() = default;
   ~Arena() {
@@ -61,7 +74,8 @@ class Arena {
     end_ = reinterpret_cast<char*>(chunk) + size;
   }
 
-  std::atomic<size_t> refs_{1};
+  std::atomic<size_t> refs_{kBuilding};
+  size_t nodes_ = 0;  // references taken by nodes while building
   Chunk* chunks_ = nullptr;
   char* cursor_ = nullptr;
   char* end_ = nullptr;
@@ -75,10 +89,7 @@ class ArenaAllocator {
   template <class U>
   ArenaAllocator(const ArenaAllocator<U>& other) : arena_(other.arena()) {}
 
-  T* allocate(size_t n) {
-    arena_->retain();
-    return static_cast<T*>(arena_->allocate(n * sizeof(T), alignof(T)));
-  }
+  T* allocate(size_t n) { return static_cast<T*>(arena_->allocateNode(n * sizeof(T), alignof(T))); }
   void deallocate(T*, size_t) { arena_->release(); }
   Arena* arena() const { return arena_; }
 

@@ -148,7 +148,7 @@ std::optional<Value> parseOnce(std::string_view text, simdjson::error_code* code
   if (*code != simdjson::SUCCESS) return std::nullopt;
   internal::Arena* arena = internal::Arena::create();
   Value value = convert(root, arena);
-  arena->release();  // the nodes hold the arena from here on
+  arena->finishBuilding();  // the nodes hold the arena from here on
   return value;
 }
 
