@@ -28,7 +28,9 @@ size_t walk(zbiap::ASN1Node node, int depth) {
       (void)node.toValue();
       break;
   }
-  if (depth > ZBIAPASN1Parser::kMaxDepth + 2) __builtin_trap();
+  // A tagged element is two levels of the tree (the tag, then its value) for one level of
+  // nesting in the input, so the tree may be twice as deep as the parser's limit, not more.
+  if (depth > 2 * (ZBIAPASN1Parser::kMaxDepth + 1)) __builtin_trap();
   return count;
 }
 
