@@ -45,10 +45,10 @@ uint32_t* slotsOf(const std::shared_ptr<void>& index) {
   return static_cast<uint32_t*>(index.get());
 }
 
-// Sized for the entries the vector has room for, so a dictionary filled after reserve() builds
-// its index once.
+// Sized for the entries the vector has room for (up to twice those present), so a dictionary
+// filled after reserve() usually builds its index once.
 std::shared_ptr<void> buildIndex(const std::vector<Dictionary::Entry>& entries) {
-  const size_t planned = std::max(entries.size(), entries.capacity());
+  const size_t planned = std::max(entries.size(), std::min(entries.capacity(), 2 * entries.size()));
   size_t capacity = 16;
   while (capacity < planned * 2) capacity <<= 1;
   std::shared_ptr<uint32_t[]> index = std::make_shared<uint32_t[]>(capacity + 1);
