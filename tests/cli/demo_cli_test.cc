@@ -142,6 +142,12 @@ TEST_F(DemoCLITest, BadInputIsRefusedClearly) {
   EXPECT_NE(unknown.err.find("unknown option '--colour'"), std::string::npos) << unknown.err;
   EXPECT_NE(unknown.err.find("usage: zbiap demo"), std::string::npos);
 
+  for (const char* help : {"demo --help", "help demo"}) {
+    CliOutcome usage = run(help);
+    EXPECT_EQ(usage.status, 0) << help;
+    EXPECT_NE(usage.out.find("usage: zbiap demo"), std::string::npos) << help;
+  }
+
   CliOutcome missing = run("demo --storekit '" + (dir_ / "none.storekit").string() + "'");
   EXPECT_EQ(missing.status, 1);
   EXPECT_NE(missing.out.find("cannot read"), std::string::npos) << missing.out;

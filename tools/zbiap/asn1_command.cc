@@ -6,23 +6,24 @@
 #include <iterator>
 
 #include "commands.h"
+#include "options.h"
 #include "zbiap/store/asn1_parser.h"
 
 namespace zbiap::cli {
 namespace {
 
 int runASN1(const Args& args) {
-  if (args.size() != 1 || (args[0] != "-" && !args[0].empty() && args[0][0] == '-')) {
-    std::fprintf(stderr, "usage: zbiap asn1 FILE|-\n");
-    return 2;
-  }
+  OptionParser options("zbiap asn1", "usage: zbiap asn1 FILE|-\n");
+  std::vector<std::string> files;
+  if (!options.parse(args, &files, 1, 1)) return options.exitCode();
+  const std::string& file = files[0];
   Data data;
-  if (args[0] == "-") {
+  if (file == "-") {
     data.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
   } else {
-    std::ifstream in(args[0], std::ios::binary);
+    std::ifstream in(file, std::ios::binary);
     if (!in) {
-      std::fprintf(stderr, "zbiap asn1: cannot read %s\n", args[0].c_str());
+      std::fprintf(stderr, "zbiap asn1: cannot read %s\n", file.c_str());
       return 1;
     }
     data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

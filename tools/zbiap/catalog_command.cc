@@ -84,7 +84,7 @@ int check(const Args& args) {
   parser.value("--lang", &lang);
   parser.flag("--json", &json);
   std::vector<std::string> files;
-  if (!parser.parse(args, &files, 1, 1)) return 2;
+  if (!parser.parse(args, &files, 1, 1)) return parser.exitCode();
   std::optional<std::string> bytes = readFile(files[0]);
   if (!bytes) return parser.fail("cannot read '" + files[0] + "'");
   // The catalogue's language is read from the environment, as an app's override would be.
@@ -116,7 +116,7 @@ int verify(const Args& args) {
   parser.require("--signature-key");
   parser.require("--signature");
   std::vector<std::string> files;
-  if (!parser.parse(args, &files, 1, 1)) return 2;
+  if (!parser.parse(args, &files, 1, 1)) return parser.exitCode();
   auto publicKey = ZBIAPProductInfoV1Fetcher::private_getPublicKeyRef(key);
   if (!publicKey) return parser.fail("--signature-key is not a base64 PKCS #1 RSA public key");
   std::optional<std::string> bytes = readFile(files[0]);
@@ -141,7 +141,7 @@ int fetch(const Args& args) {
   for (const char* name : {"--base-url", "--accept", "--consumer-key", "--consumer-secret"}) {
     parser.require(name);
   }
-  if (!parser.parse(args, nullptr, 0, 0)) return 2;
+  if (!parser.parse(args, nullptr, 0, 0)) return parser.exitCode();
   if (consumerKey.empty()) return parser.fail("--consumer-key must not be empty");
   std::optional<std::string> checkedKey;
   if (!signatureKey.empty()) {
@@ -199,6 +199,10 @@ int run(const Args& args) {
   if (args.empty()) {
     std::fprintf(stderr, "zbiap catalog: a subcommand is needed\n%s", kUsage);
     return 2;
+  }
+  if (args[0] == "--help" || args[0] == "-h") {
+    std::fputs(kUsage, stdout);
+    return 0;
   }
   const Args rest(args.begin() + 1, args.end());
   if (args[0] == "check") return check(rest);

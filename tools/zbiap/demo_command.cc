@@ -32,7 +32,7 @@ int runDemoCommand(const Args& args) {
   parser.value("--catalog", &options.catalogFile);
   parser.flag("--json", &json);
   parser.flag("--step", &options.step);
-  if (!parser.parse(args, nullptr, 0, 0)) return 2;
+  if (!parser.parse(args, nullptr, 0, 0)) return parser.exitCode();
   DemoOutput out(stdout, json, !json && DemoOutput::terminalHasTrueColor());
   return runDemo(options, out);
 }

@@ -15,7 +15,7 @@ void printHelp(FILE* out) {
   for (const auto& c : zbiap::cli::commands()) {
     std::fprintf(out, "  %-10s %s\n", c.name, c.summary);
   }
-  std::fprintf(out, "  %-10s %s\n", "help", "show this text");
+  std::fprintf(out, "  %-10s %s\n", "help", "show this text, or a command's with help COMMAND");
   std::fprintf(out, "\n  --version  print the version\n");
 }
 
@@ -32,6 +32,18 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (cmd == "help" || cmd == "--help" || cmd == "-h") {
+    // "zbiap help COMMAND" is "zbiap COMMAND --help".
+    if (argc > 2) {
+      cmd = argv[2];
+      for (const auto& c : zbiap::cli::commands()) {
+        if (cmd == c.name) return c.run({"--help"});
+      }
+    }
+    if (argc > 2) {
+      std::fprintf(stderr, "zbiap: unknown command '%s'\n", cmd.c_str());
+      printHelp(stderr);
+      return 2;
+    }
     printHelp(stdout);
     return 0;
   }

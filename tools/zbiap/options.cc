@@ -46,6 +46,11 @@ bool OptionParser::parse(const Args& args, std::vector<std::string>* positionals
       optionsEnded = true;
       continue;
     }
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(usage_.c_str(), stdout);
+      helpShown_ = true;
+      return false;
+    }
     std::string name = arg;
     std::string value;
     bool inlineValue = false;

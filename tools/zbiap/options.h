@@ -27,9 +27,11 @@ class OptionParser {
 
   // Reads `args`: false on bad usage (unknown option, missing value or required option, a
   // positional count outside [minPositionals, maxPositionals]), with the reason and the usage
-  // on standard error.
+  // on standard error; false too for "--help" or "-h", after the usage on standard output.
   bool parse(const Args& args, std::vector<std::string>* positionals, size_t minPositionals,
              size_t maxPositionals);
+  // The exit code after parse() returned false: 0 when help was asked for, else 2.
+  int exitCode() const { return helpShown_ ? 0 : 2; }
 
   // Prints "<command>: <message>" and the usage on standard error; returns 2, the exit code of
   // bad usage, for `return parser.fail(...)`.
@@ -48,6 +50,7 @@ class OptionParser {
   std::string command_;
   std::string usage_;
   std::vector<Option> options_;
+  bool helpShown_ = false;
 };
 
 }  // namespace zbiap::cli

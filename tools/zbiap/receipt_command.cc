@@ -9,6 +9,7 @@
 #include <string>
 
 #include "commands.h"
+#include "options.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/store/receipt_parser.h"
 #include "zbiap/storekit/receipt_writer.h"
@@ -94,31 +95,19 @@ Value forJSON(const Value& value) {
   return value;
 }
 
-int usage() {
-  std::fprintf(stderr, "usage: zbiap receipt [--json] FILE|-\n");
-  return 2;
-}
-
 int runReceipt(const Args& args) {
+  OptionParser options("zbiap receipt", "usage: zbiap receipt [--json] FILE|-\n");
   bool json = false;
-  std::optional<std::string> file;
-  for (const auto& arg : args) {
-    if (arg == "--json") {
-      json = true;
-    } else if (arg == "-" || arg.empty() || arg[0] != '-') {
-      if (file) return usage();
-      file = arg;
-    } else {
-      return usage();
-    }
-  }
-  if (!file) return usage();
+  options.flag("--json", &json);
+  std::vector<std::string> files;
+  if (!options.parse(args, &files, 1, 1)) return options.exitCode();
+  const std::string& file = files[0];
 
   std::shared_ptr<ZBIAPReceiptParser> parser;
-  if (auto input = readInput(*file)) {
+  if (auto input = readInput(file)) {
     parser = ZBIAPReceiptParser::fromReceiptData(receiptBytes(*input));
   } else {
-    parser = ZBIAPReceiptParser::fromReceiptURL(std::filesystem::path(*file));
+    parser = ZBIAPReceiptParser::fromReceiptURL(std::filesystem::path(file));
   }
   if (ZBIAPErrorPtr error = parser->lastError(); error || !parser->isLoaded()) {
     std::fprintf(stderr, "zbiap receipt: rejected: %s\n",

@@ -29,13 +29,18 @@ struct Options {
   int port = 0;
 };
 
-// False on bad usage, with the reason and the usage printed.
-bool parseOptions(const Args& args, Options& options) {
+// False on bad usage, with the reason and the usage printed (`exitCode` 2), or when help was
+// asked for (`exitCode` 0).
+bool parseOptions(const Args& args, Options& options, int* exitCode) {
   OptionParser parser("zbiap serve", kUsage);
+  *exitCode = 2;
   std::string port;
   parser.value("--catalog", &options.catalog);
   parser.value("--port", &port);
-  if (!parser.parse(args, nullptr, 0, 0)) return false;
+  if (!parser.parse(args, nullptr, 0, 0)) {
+    *exitCode = parser.exitCode();
+    return false;
+  }
   if (!port.empty()) {
     auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), options.port);
     if (error != std::errc() || end != port.data() + port.size() || options.port < 0 ||
@@ -63,7 +68,8 @@ void printNewRequests(const CatalogServer& server, size_t& printed) {
 
 int runServe(const Args& args) {
   Options options;
-  if (!parseOptions(args, options)) return 2;
+  int exitCode;
+  if (!parseOptions(args, options, &exitCode)) return exitCode;
   auto server = CatalogServer::create();
   if (server == nullptr) {
     std::fprintf(stderr, "zbiap serve: cannot make the server's RSA key\n");
