@@ -2,12 +2,14 @@
 
 #include <stdlib.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "zbiap/foundation/json.h"
@@ -136,6 +138,16 @@ Date TestPlatform::now() { return impl_->queue_.now(); }
 size_t TestPlatform::runUntilIdle() { return impl_->queue_.runUntilIdle(); }
 size_t TestPlatform::advanceBy(Duration delta) { return impl_->queue_.advanceBy(delta); }
 void TestPlatform::drainGlobalQueue() { impl_->pool_.waitIdle(); }
+
+bool TestPlatform::runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  bool held;
+  while (!(held = done()) && std::chrono::steady_clock::now() < deadline) {
+    if (runUntilIdle() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  runUntilIdle();
+  return held;
+}
 
 void TestPlatform::settle() {
   for (;;) {

@@ -12,7 +12,9 @@
 #ifndef ZBIAP_TESTING_TEST_PLATFORM_H_
 #define ZBIAP_TESTING_TEST_PLATFORM_H_
 
+#include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -53,6 +55,11 @@ class TestPlatform {
   void drainGlobalQueue();
   // Runs the main queue and waits for the global queue until neither has anything to do now.
   void settle();
+  // Runs the main queue until `done()` holds, waiting in real time (never advancing the virtual
+  // clock) for work that other threads post: answers over loopback HTTP, file events. Gives up
+  // after `timeout`; returns whether `done()` held. Runs what is due once more at the end.
+  bool runUntil(const std::function<bool()>& done,
+                std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
   // Environment.
   void setEnv(std::string name, std::string value);

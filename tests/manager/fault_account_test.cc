@@ -4,11 +4,9 @@
 // when the server answers properly again, the next restore brings the new list.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "testing/fake_fetcher.h"
@@ -77,12 +75,7 @@ class AccountFaultTest : public ::testing::Test {
           result = r;
           done = true;
         });
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done && std::chrono::steady_clock::now() < deadline) {
-      if (platform_->runUntilIdle() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_TRUE(done);
-    platform_->runUntilIdle();
+    EXPECT_TRUE(platform_->runUntil([&] { return done; }));
     return result;
   }
 

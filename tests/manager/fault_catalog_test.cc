@@ -8,7 +8,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "testing/fake_store.h"
@@ -130,18 +129,6 @@ class CatalogFaultTest : public ::testing::Test {
     response.set_content(body, "application/json");
   }
 
-  // Runs the main queue until `done`, waiting for the network, never for a timer of the library.
-  template <typename Done>
-  bool runUntil(Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      if (platform_->runUntilIdle() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    platform_->runUntilIdle();
-    return true;
-  }
-
   // Refreshes and waits; the refresh's error (null on success).
   ZBIAPErrorPtr refresh() {
     bool done = false;
@@ -150,7 +137,7 @@ class CatalogFaultTest : public ::testing::Test {
       error = std::move(e);
       done = true;
     });
-    EXPECT_TRUE(runUntil([&] { return done; }));
+    EXPECT_TRUE(platform_->runUntil([&] { return done; }));
     return error;
   }
 
@@ -167,7 +154,7 @@ class CatalogFaultTest : public ::testing::Test {
   void becomeReadyWithFirstCatalogue() {
     serve(catalogue({"com.example.a", "com.example.b"}));
     manager_->commitConfiguration();
-    ASSERT_TRUE(runUntil([&] { return catalogueIds().size() == 2; }));
+    ASSERT_TRUE(platform_->runUntil([&] { return catalogueIds().size() == 2; }));
     ASSERT_TRUE(manager_->isReady());
     ASSERT_TRUE(saved().has_value());
   }
@@ -243,7 +230,7 @@ TEST_F(CatalogFaultTest, AServerThatIsDownAndComesBack) {
   auto relaunched = ZBIAPManager::create(
       ZBIAPManagerConfiguration::create(store_, kCountryProduct, "US", fetcher));
   relaunched->commitConfiguration();
-  ASSERT_TRUE(runUntil([&] { return relaunched->isReady(); }));
+  ASSERT_TRUE(platform_->runUntil([&] { return relaunched->isReady(); }));
   EXPECT_EQ(relaunched->dynamicProductInfos().size(), good.size());
   relaunched.reset();
 

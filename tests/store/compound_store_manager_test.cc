@@ -4,10 +4,8 @@
 // App Store's first.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "testing/fake_fetcher.h"
@@ -71,10 +69,7 @@ class CompoundStoreManagerTest : public StoreAppleTest {
   // file watcher's thread, so this waits for them, never for a timer of the library).
   template <typename Done>
   void runUntil(Done done) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done() && std::chrono::steady_clock::now() < deadline) {
-      if (platform_.runUntilIdle() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    platform_.runUntil(done);
     settle();
   }
 

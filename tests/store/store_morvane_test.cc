@@ -118,11 +118,7 @@ class StoreMorvaneTest : public ::testing::Test {
           outcome->error = std::move(error);
           outcome->onMainThread = Platform::current().mainQueue().isMainThread();
         });
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (outcome->calls == 0 && std::chrono::steady_clock::now() < deadline) {
-      if (platform_.runUntilIdle() == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    platform_.runUntilIdle();
+    platform_.runUntil([&] { return outcome->calls > 0; });
     return *outcome;
   }
 
