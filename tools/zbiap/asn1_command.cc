@@ -1,11 +1,12 @@
 // zbiap asn1 FILE|-: parses ASN.1 encodings with the library's parser and prints the tree of
 // values it gives. Input that does not parse exits 1.
 #include <cstdio>
-#include <fstream>
-#include <iostream>
-#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "commands.h"
+#include "input.h"
 #include "options.h"
 #include "zbiap/store/asn1_parser.h"
 
@@ -17,17 +18,12 @@ int runASN1(const Args& args) {
   std::vector<std::string> files;
   if (!options.parse(args, &files, 1, 1)) return options.exitCode();
   const std::string& file = files[0];
-  Data data;
-  if (file == "-") {
-    data.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-  } else {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
-      std::fprintf(stderr, "zbiap asn1: cannot read %s\n", file.c_str());
-      return 1;
-    }
-    data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  std::optional<std::string> input = readInput(file);
+  if (!input) {
+    std::fprintf(stderr, "zbiap asn1: cannot read %s\n", file.c_str());
+    return 1;
   }
+  Data data(input->begin(), input->end());
   auto tree = ZBIAPASN1Parser::parseASN1Data(std::move(data));
   if (tree == nullptr) {
     std::fprintf(stderr, "zbiap asn1: the input is not ASN.1 the parser accepts\n");

@@ -20,6 +20,7 @@
 
 #include "catalog_report.h"
 #include "commands.h"
+#include "input.h"
 #include "log_capture.h"
 #include "options.h"
 #include "zbiap/catalog/product_info_v1_fetcher.h"
@@ -40,14 +41,6 @@ constexpr char kUsage[] =
 constexpr char kOfflineConsumerKey[] = "zbiap-catalog-check";
 // Longer than the fetcher's own 60-second request time-out, so that its error is what shows.
 constexpr auto kFetchWait = std::chrono::seconds(75);
-
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) return std::nullopt;
-  return bytes;
-}
 
 // The platform of a catalogue command: the default one, its system log caught for the report.
 std::shared_ptr<LogCapturingPlatform> installCapturingPlatform() {
@@ -85,7 +78,7 @@ int check(const Args& args) {
   parser.flag("--json", &json);
   std::vector<std::string> files;
   if (!parser.parse(args, &files, 1, 1)) return parser.exitCode();
-  std::optional<std::string> bytes = readFile(files[0]);
+  std::optional<std::string> bytes = readInput(files[0]);
   if (!bytes) return parser.fail("cannot read '" + files[0] + "'");
   // The catalogue's language is read from the environment, as an app's override would be.
   if (!lang.empty()) setenv("ZBIAP_OVERRIDE_LOCALE", lang.c_str(), 1);
@@ -119,7 +112,7 @@ int verify(const Args& args) {
   if (!parser.parse(args, &files, 1, 1)) return parser.exitCode();
   auto publicKey = ZBIAPProductInfoV1Fetcher::private_getPublicKeyRef(key);
   if (!publicKey) return parser.fail("--signature-key is not a base64 PKCS #1 RSA public key");
-  std::optional<std::string> bytes = readFile(files[0]);
+  std::optional<std::string> bytes = readInput(files[0]);
   if (!bytes) return parser.fail("cannot read '" + files[0] + "'");
   std::string_view data(*bytes);
   bool valid = ZBIAPProductInfoV1Fetcher::validateSignature(signature, publicKey.get(), &data);

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "commands.h"
+#include "input.h"
 #include "options.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/store/receipt_parser.h"
@@ -16,15 +17,6 @@
 
 namespace zbiap::cli {
 namespace {
-
-std::optional<std::string> readInput(const std::string& name) {
-  if (name == "-") {
-    return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-  }
-  std::ifstream in(name, std::ios::binary);
-  if (!in) return std::nullopt;
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // Standard base64 with optional padding and white space; nullopt for anything else.
 std::optional<Data> decodeBase64(const std::string& text) {
