@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "demo_screen.h"
+#include "input.h"
 #include "zbiap/catalog/key_table.h"
 #include "zbiap/devserver/account_server.h"
 #include "zbiap/devserver/catalog_server.h"
@@ -57,12 +58,6 @@ const char* restoreName(ZBIAPStoreRestoreResult result) {
       break;
   }
   return "failed";
-}
-
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 Value errorValue(const ZBIAPErrorPtr& error) {
@@ -280,7 +275,7 @@ int runDemo(const DemoOptions& options, DemoOutput& out) {
   for (auto [path, target] : {std::pair{&options.storeKitFile, &setup.storeKitConfiguration},
                               std::pair{&options.catalogFile, &setup.catalog}}) {
     if (path->empty()) continue;
-    std::optional<std::string> bytes = readFile(*path);
+    std::optional<std::string> bytes = readInput(*path);
     if (!bytes) {
       out.event("error",
                 Dictionary{{"step", Value("setup")}, {"message", Value("cannot read " + *path)}},
