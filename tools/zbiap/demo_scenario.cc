@@ -143,8 +143,12 @@ class DemoRun {
                    "  storefront       " + env_.simulator().storefront() + ", language " +
                    language);
     manager_.commitConfiguration();
-    return waitFor("start-up",
-                   [this] { return manager_.state() == ZBIAPManagerStateReadyStoreProducts; });
+    // The bundled copy can make the manager ready with store products before the server has
+    // answered; the store screen is to show the server's catalogue, so wait for that answer too.
+    return waitFor("start-up", [this] {
+      return manager_.state() == ZBIAPManagerStateReadyStoreProducts &&
+             env_.catalogServer().requestCount() > 0 && !manager_.isQuerying();
+    });
   }
 
   bool country() {
