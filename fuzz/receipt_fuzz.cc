@@ -1,16 +1,28 @@
 // libFuzzer harness for ZBIAPReceiptParser: each input is read as a whole receipt file and, to
 // reach the attribute rules without a container, as the content of a minimal PKCS #7 data
 // container. No input may crash, leak, read out of bounds or overflow the stack; a rejected
-// receipt must leave no results behind. Seeds: fuzz/corpus/receipt (run it with the shared
-// receipts as a second corpus directory).
+// receipt must leave no results behind, and the two decoders behind the reader must agree. Seeds:
+// fuzz/corpus/receipt (run it with the shared receipts as a second corpus directory).
 #include <cstddef>
 #include <cstdint>
 
+#include "store/receipt_decoder.h"
 #include "zbiap/store/receipt_parser.h"
 
 namespace {
 
+// The reader's direct decoder may only answer where the tree decoder gives the same.
+void compareDecoders(const zbiap::Data& data) {
+  zbiap::internal::DecodedReceipt direct, tree;
+  if (!zbiap::internal::decodeReceiptDirect(data, &direct)) return;
+  if (!zbiap::internal::decodeReceiptWithTree(data, &tree) ||
+      !zbiap::internal::sameContents(direct, tree)) {
+    __builtin_trap();
+  }
+}
+
 void check(const zbiap::Data& data) {
+  compareDecoders(data);
   auto parser = ZBIAPReceiptParser::fromReceiptData(data);
   if (parser == nullptr) __builtin_trap();
   if (parser->isLoaded()) {

@@ -31,7 +31,7 @@ ZBIAPReceiptIAPPtr ZBIAPReceiptIAP::create(std::string productIdentifier, int64_
                                            std::optional<zbiap::Date> subscriptionExpirationDate,
                                            std::optional<zbiap::Date> cancellationDate,
                                            int64_t webOrderLineItemID, bool upgradable) {
-  std::shared_ptr<ZBIAPReceiptIAP> iap(new ZBIAPReceiptIAP);
+  auto iap = std::make_shared<ZBIAPReceiptIAP>(PrivateKey());
   iap->upgradable_ = upgradable;
   iap->productIdentifier_ = std::move(productIdentifier);
   iap->quantity_ = quantity;

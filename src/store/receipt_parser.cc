@@ -3,6 +3,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "store/receipt_decoder.h"
+
 namespace {
 
 // The whole file, or nullopt when it cannot be read.
@@ -40,6 +42,28 @@ std::shared_ptr<ZBIAPReceiptParser> ZBIAPReceiptParser::fromReceiptData(
   return parser;
 }
 
+namespace {
+
+using zbiap::internal::DecodedReceipt;
+
+// The receipt in `source`, or null with `error` set when it is rejected.
+std::shared_ptr<const DecodedReceipt> decode(std::shared_ptr<const zbiap::Data> source,
+                                             ZBIAPErrorPtr* error) {
+  auto contents = std::make_shared<DecodedReceipt>();
+  if (!zbiap::internal::decodeReceiptDirect(*source, contents.get())) {
+    contents = std::make_shared<DecodedReceipt>();
+    if (!zbiap::internal::decodeReceiptWithTree(*source, contents.get())) {
+      *error = ZBIAPError::make(ZBIAPReceiptParserErrorDomain, ZBIAPReceiptParserErrorMalformed);
+      return nullptr;
+    }
+  }
+  if (!contents->hasDictionary) contents->source = std::move(source);
+  *error = nullptr;
+  return contents;
+}
+
+}  // namespace
+
 void ZBIAPReceiptParser::refresh() {
   std::optional<std::filesystem::path> url;
   std::shared_ptr<const zbiap::Data> data;
@@ -48,74 +72,79 @@ void ZBIAPReceiptParser::refresh() {
     url = receiptURL_;
     data = receiptData_;
   }
-  Results results;
+  std::shared_ptr<const DecodedReceipt> contents;
   ZBIAPErrorPtr error;
   bool touchError = true;
   if (url) {
     if (auto bytes = readFile(*url)) {
-      results = decode(*bytes, &error);
+      contents = decode(std::make_shared<const zbiap::Data>(std::move(*bytes)), &error);
     } else {
       error = ZBIAPError::make(ZBIAPReceiptParserErrorDomain, ZBIAPReceiptParserErrorUnreadable,
                                zbiap::Dictionary{{"URL", zbiap::Value(url->string())}});
     }
   } else if (data) {
-    results = decode(*data, &error);
+    contents = decode(std::move(data), &error);
   } else {
     touchError = false;  // nothing to read: only the results are reset
   }
-  std::lock_guard<std::mutex> lock(mutex_);
-  results_ = std::move(results);
-  if (touchError) lastError_ = std::move(error);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    contents_.swap(contents);
+    if (touchError) lastError_ = std::move(error);
+  }
+  // The previous receipt, if this was its last holder, is freed here, outside the lock.
 }
 
-bool ZBIAPReceiptParser::isLoaded() const {
+std::shared_ptr<const DecodedReceipt> ZBIAPReceiptParser::contents() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return results_.loaded;
+  return contents_;
 }
+
+bool ZBIAPReceiptParser::isLoaded() const { return contents() != nullptr; }
 
 zbiap::Dictionary ZBIAPReceiptParser::dictionaryRepresentation() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return results_.dictionary;
+  auto c = contents();
+  return c ? c->dictionary() : zbiap::Dictionary();
 }
 
 std::vector<ZBIAPReceiptIAPPtr> ZBIAPReceiptParser::inAppPurchases() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return results_.purchases;
+  auto c = contents();
+  return c ? c->purchases : std::vector<ZBIAPReceiptIAPPtr>();
 }
 
 std::optional<zbiap::Date> ZBIAPReceiptParser::originalPurchaseDate() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return results_.originalPurchaseDate;
+  auto c = contents();
+  return c ? c->originalPurchaseDate : std::nullopt;
 }
 
 std::optional<std::string> ZBIAPReceiptParser::originalPurchaseVersion() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return results_.originalPurchaseVersion;
+  auto c = contents();
+  return c ? c->originalPurchaseVersion : std::nullopt;
 }
 
 std::optional<std::string> ZBIAPReceiptParser::bundleIdentifier() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return results_.bundleIdentifier;
+  auto c = contents();
+  return c ? c->bundleIdentifier : std::nullopt;
 }
 
 std::optional<std::string> ZBIAPReceiptParser::appVersion() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return results_.appVersion;
+  auto c = contents();
+  return c ? c->appVersion : std::nullopt;
 }
 
 std::optional<zbiap::Date> ZBIAPReceiptParser::receiptCreationDate() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return results_.creationDate;
+  auto c = contents();
+  return c ? c->creationDate : std::nullopt;
 }
 
 std::optional<zbiap::Date> ZBIAPReceiptParser::receiptExpirationDate() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return results_.expirationDate;
+  auto c = contents();
+  return c ? c->expirationDate : std::nullopt;
 }
 
 std::optional<std::string> ZBIAPReceiptParser::environment() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return results_.environment;
+  auto c = contents();
+  return c ? c->environment : std::nullopt;
 }
 
 ZBIAPErrorPtr ZBIAPReceiptParser::lastError() const {

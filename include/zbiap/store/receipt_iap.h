@@ -40,7 +40,15 @@ class ZBIAPReceiptIAP;
 using ZBIAPReceiptIAPPtr = std::shared_ptr<const ZBIAPReceiptIAP>;
 
 class ZBIAPReceiptIAP final {
+  struct PrivateKey {
+    explicit PrivateKey() = default;
+  };
+
  public:
+  // Only for create(): records come from the factories. Public so that one allocation can hold
+  // the record and its reference count.
+  explicit ZBIAPReceiptIAP(PrivateKey) {}
+
   // Stores the ten values as given, without any check. Never null.
   static ZBIAPReceiptIAPPtr create(std::string productIdentifier, int64_t quantity,
                                    std::string transactionIdentifier,
@@ -94,8 +102,6 @@ class ZBIAPReceiptIAP final {
   std::string description() const;
 
  private:
-  ZBIAPReceiptIAP() = default;
-
   bool upgradable_ = false;
   std::string productIdentifier_;
   int64_t quantity_ = 0;

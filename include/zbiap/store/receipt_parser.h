@@ -4,7 +4,8 @@
 //
 // Every property is read and written atomically (under the reader's own mutex); refresh()
 // replaces them all at once, so a reader never holds a mix of two receipts. The owner calls
-// refresh() when the receipt may have changed, from any thread.
+// refresh() when the receipt may have changed, from any thread. The dictionary form is made
+// on first request, from the receipt bytes the reader keeps for it.
 #ifndef ZBIAP_STORE_RECEIPT_PARSER_H_
 #define ZBIAP_STORE_RECEIPT_PARSER_H_
 
@@ -26,6 +27,10 @@ inline constexpr char ZBIAPReceiptParserErrorDomain[] = "ZBIAPReceiptParserError
 // Codes of ZBIAPReceiptParserErrorDomain.
 inline constexpr int64_t ZBIAPReceiptParserErrorUnreadable = 1;  // user info "URL": the path
 inline constexpr int64_t ZBIAPReceiptParserErrorMalformed = 2;   // no user info
+
+namespace zbiap::internal {
+struct DecodedReceipt;
+}  // namespace zbiap::internal
 
 class ZBIAPReceiptParser : public ZBIAPReceiptProvider {
  public:
@@ -63,24 +68,12 @@ class ZBIAPReceiptParser : public ZBIAPReceiptProvider {
   void setReceiptData(std::optional<zbiap::Data> data);
 
  private:
-  struct Results {
-    bool loaded = false;
-    zbiap::Dictionary dictionary;
-    std::vector<ZBIAPReceiptIAPPtr> purchases;
-    std::optional<zbiap::Date> originalPurchaseDate;
-    std::optional<std::string> originalPurchaseVersion;
-    std::optional<std::string> bundleIdentifier;
-    std::optional<std::string> appVersion;
-    std::optional<zbiap::Date> creationDate;
-    std::optional<zbiap::Date> expirationDate;
-    std::optional<std::string> environment;
-  };
-
   ZBIAPReceiptParser() = default;
-  static Results decode(std::span<const uint8_t> data, ZBIAPErrorPtr* error);
+  std::shared_ptr<const zbiap::internal::DecodedReceipt> contents() const;
 
   mutable std::mutex mutex_;
-  Results results_;
+  // The last decoded receipt; null when none is loaded. Replaced whole, never changed.
+  std::shared_ptr<const zbiap::internal::DecodedReceipt> contents_;
   ZBIAPErrorPtr lastError_;
   std::optional<std::filesystem::path> receiptURL_;
   std::shared_ptr<const zbiap::Data> receiptData_;

@@ -1,20 +1,17 @@
-// Decoding of the receipt: the container is parsed once, its content once, and every
-// purchase and attribute value into reused scratch trees, so the work per attribute allocates
-// nothing beyond the values it produces.
+// The reference decoder: the container is parsed once, its content once, and every purchase
+// and attribute value into reused scratch trees, so the work per attribute allocates nothing
+// beyond the values it produces.
 #include <cmath>
 
 #include "store/asn1_utf8.h"
+#include "store/receipt_decoder.h"
 #include "zbiap/store/asn1_parser.h"
 #include "zbiap/store/receipt_parser.h"
 #include "zbiap/support/date_tools.h"
 
-namespace {
+namespace zbiap::internal {
 
-using zbiap::ASN1Node;
-using zbiap::ASN1Tree;
-using zbiap::ASN1Type;
-using zbiap::Dictionary;
-using zbiap::Value;
+namespace {
 
 // PKCS #7 data, 1.2.840.113549.1.7.1.
 bool isPKCS7Data(const ZBIAPASN1ObjectID* oid) {
@@ -64,75 +61,14 @@ inline std::optional<int64_t> attributeType(ASN1Node number) {
 
 enum class Kind { kString, kNumber, kDate };
 
-// What the parser gives as the first value of an attribute's octets.
-struct FirstValue {
-  enum { kNone, kString, kInteger } kind = kNone;  // kNone: no parse, or another type
-  std::string_view text;
-  int64_t integer = 0;
-};
-
-// The common case without building a tree: the octets hold exactly one primitive universal
-// INTEGER (up to 8 octets) or text string of definite length. The parser would read that one
-// header and that one element and nothing else, so the outcome is the same. False when the
-// octets need the parser.
-bool readSimpleValue(std::span<const uint8_t> b, FirstValue* out) {
-  if (b.size() < 2) return false;
-  uint8_t id = b[0];
-  if ((id & 0xE0) != 0 || (id & 0x1F) == 0x1F) return false;  // not universal primitive
-  size_t header = 2;
-  size_t length = b[1];
-  if (length == 0x81 && b.size() >= 3) {
-    header = 3;
-    length = b[2];
-  } else if (length == 0x82 && b.size() >= 4) {
-    header = 4;
-    length = static_cast<size_t>(b[2]) << 8 | b[3];
-  } else if (length >= 0x80) {
-    return false;
-  }
-  if (header + length != b.size()) return false;
-  const uint8_t* content = b.data() + header;
-  switch (id) {
-    case 0x02: {
-      if (length == 0) {  // an empty INTEGER fails the parse
-        out->kind = FirstValue::kNone;
-        return true;
-      }
-      if (length > 8) return false;
-      uint64_t v = 0;
-      for (size_t i = 0; i < length; ++i) v = v << 8 | content[i];
-      out->kind = FirstValue::kInteger;
-      out->integer = static_cast<int64_t>(v);
-      return true;
-    }
-    case 0x0C:
-    case 0x13:
-    case 0x16: {
-      bool ok = id == 0x0C ? zbiap::isValidUTF8(content, length) : zbiap::isASCII(content, length);
-      out->kind = ok ? FirstValue::kString : FirstValue::kNone;
-      out->text = std::string_view(reinterpret_cast<const char*>(content), length);
-      return true;
-    }
-    default:
-      return false;
-  }
-}
-
 class ReceiptDecoder {
  public:
   // False when the receipt is rejected.
   bool decode(std::span<const uint8_t> data, Dictionary* receipt,
               std::vector<ZBIAPReceiptIAPPtr>* records) {
-    if (data.empty() || !ZBIAPASN1Parser::parseASN1Data(data, &container_)) return false;
-    ASN1Node info = findContentInfo(container_.root());
-    if (!info.valid() || info.size() < 2) return false;
-    ASN1Node wrapper = info[1];
-    if (!wrapper.isTag() || !wrapper.tagValue().isArray() || wrapper.tagValue().size() == 0) {
-      return false;
-    }
-    ASN1Node octets = wrapper.tagValue()[0];
-    if (!octets.isData()) return false;
-    if (!ZBIAPASN1Parser::parseASN1Data(octets.bytes(), &content_) || content_.empty() ||
+    std::span<const uint8_t> content;
+    if (!receiptContent(data, &container_, &content)) return false;
+    if (!ZBIAPASN1Parser::parseASN1Data(content, &content_) || content_.empty() ||
         !content_[0].isArray()) {
       return false;
     }
@@ -312,7 +248,7 @@ std::optional<std::string> typed(const Dictionary& d, const char* key) {
 }
 
 template <>
-std::optional<zbiap::Date> typed(const Dictionary& d, const char* key) {
+std::optional<Date> typed(const Dictionary& d, const char* key) {
   const Value* v = d.find(key);
   if (v == nullptr || !v->isDate()) return std::nullopt;
   return *v->asDate();
@@ -320,22 +256,86 @@ std::optional<zbiap::Date> typed(const Dictionary& d, const char* key) {
 
 }  // namespace
 
-ZBIAPReceiptParser::Results ZBIAPReceiptParser::decode(std::span<const uint8_t> data,
-                                                       ZBIAPErrorPtr* error) {
-  ReceiptDecoder decoder;
-  Results r;
-  if (!decoder.decode(data, &r.dictionary, &r.purchases)) {
-    *error = ZBIAPError::make(ZBIAPReceiptParserErrorDomain, ZBIAPReceiptParserErrorMalformed);
-    return Results();
+bool receiptContent(std::span<const uint8_t> data, ASN1Tree* container,
+                    std::span<const uint8_t>* content) {
+  if (data.empty() || !ZBIAPASN1Parser::parseASN1Data(data, container)) return false;
+  ASN1Node info = findContentInfo(container->root());
+  if (!info.valid() || info.size() < 2) return false;
+  ASN1Node wrapper = info[1];
+  if (!wrapper.isTag() || !wrapper.tagValue().isArray() || wrapper.tagValue().size() == 0) {
+    return false;
   }
-  r.loaded = true;
-  r.originalPurchaseDate = typed<zbiap::Date>(r.dictionary, ZBIAPReceiptKeyOriginalPurchaseDate);
-  r.originalPurchaseVersion = typed<std::string>(r.dictionary, ZBIAPReceiptKeyOriginalAppVersion);
-  r.bundleIdentifier = typed<std::string>(r.dictionary, ZBIAPReceiptKeyBundleID);
-  r.appVersion = typed<std::string>(r.dictionary, ZBIAPReceiptKeyAppVersion);
-  r.creationDate = typed<zbiap::Date>(r.dictionary, ZBIAPReceiptKeyCreationDate);
-  r.expirationDate = typed<zbiap::Date>(r.dictionary, ZBIAPReceiptKeyExpirationDate);
-  r.environment = typed<std::string>(r.dictionary, ZBIAPReceiptKeyEnvironment);
-  *error = nullptr;
-  return r;
+  ASN1Node octets = wrapper.tagValue()[0];
+  if (!octets.isData()) return false;
+  *content = octets.bytes();
+  return true;
 }
+
+bool readSimpleValue(std::span<const uint8_t> b, FirstValue* out) {
+  if (b.size() < 2) return false;
+  uint8_t id = b[0];
+  if ((id & 0xE0) != 0 || (id & 0x1F) == 0x1F) return false;  // not universal primitive
+  size_t header = 2;
+  size_t length = b[1];
+  if (length == 0x81 && b.size() >= 3) {
+    header = 3;
+    length = b[2];
+  } else if (length == 0x82 && b.size() >= 4) {
+    header = 4;
+    length = static_cast<size_t>(b[2]) << 8 | b[3];
+  } else if (length >= 0x80) {
+    return false;
+  }
+  if (header + length != b.size()) return false;
+  const uint8_t* content = b.data() + header;
+  switch (id) {
+    case 0x02: {
+      if (length == 0) {  // an empty INTEGER fails the parse
+        out->kind = FirstValue::kNone;
+        return true;
+      }
+      if (length > 8) return false;
+      uint64_t v = 0;
+      for (size_t i = 0; i < length; ++i) v = v << 8 | content[i];
+      out->kind = FirstValue::kInteger;
+      out->integer = static_cast<int64_t>(v);
+      return true;
+    }
+    case 0x0C:
+    case 0x13:
+    case 0x16: {
+      bool ok = id == 0x0C ? zbiap::isValidUTF8(content, length) : zbiap::isASCII(content, length);
+      out->kind = ok ? FirstValue::kString : FirstValue::kNone;
+      out->text = std::string_view(reinterpret_cast<const char*>(content), length);
+      return true;
+    }
+    default:
+      return false;
+  }
+}
+
+bool decodeReceiptWithTree(std::span<const uint8_t> data, DecodedReceipt* out) {
+  ReceiptDecoder decoder;
+  Dictionary& d = out->dictionary_;
+  if (!decoder.decode(data, &d, &out->purchases)) return false;
+  out->hasDictionary = true;
+  out->originalPurchaseDate = typed<Date>(d, ZBIAPReceiptKeyOriginalPurchaseDate);
+  out->originalPurchaseVersion = typed<std::string>(d, ZBIAPReceiptKeyOriginalAppVersion);
+  out->bundleIdentifier = typed<std::string>(d, ZBIAPReceiptKeyBundleID);
+  out->appVersion = typed<std::string>(d, ZBIAPReceiptKeyAppVersion);
+  out->creationDate = typed<Date>(d, ZBIAPReceiptKeyCreationDate);
+  out->expirationDate = typed<Date>(d, ZBIAPReceiptKeyExpirationDate);
+  out->environment = typed<std::string>(d, ZBIAPReceiptKeyEnvironment);
+  return true;
+}
+
+const Dictionary& DecodedReceipt::dictionary() const {
+  std::call_once(dictionaryOnce_, [this] {
+    if (hasDictionary || source == nullptr) return;
+    DecodedReceipt decoded;
+    if (decodeReceiptWithTree(*source, &decoded)) dictionary_ = std::move(decoded.dictionary_);
+  });
+  return dictionary_;
+}
+
+}  // namespace zbiap::internal

@@ -1,0 +1,81 @@
+// The two ways ZBIAPReceiptParser decodes a receipt, and what a decode gives.
+//
+// decodeReceiptWithTree() is the reference: it parses the content and every purchase into ASN.1
+// trees, builds the receipt dictionary and makes the records from its purchase dictionaries. It
+// is exact for every input. decodeReceiptDirect() walks the DER of a well-formed receipt once,
+// straight into records and fields, without trees or dictionaries; whenever it meets anything
+// it does not handle (another encoding, a value it cannot read itself, a rejection, a purchase
+// that gives no record) it gives up and the caller falls back to the reference, so it never
+// decides anything differently. The dictionary of a directly decoded receipt is made from
+// the kept receipt bytes by the reference when it is first asked for.
+#ifndef ZBIAP_SRC_STORE_RECEIPT_DECODER_H_
+#define ZBIAP_SRC_STORE_RECEIPT_DECODER_H_
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "zbiap/foundation/date.h"
+#include "zbiap/foundation/value.h"
+#include "zbiap/store/asn1_tree.h"
+#include "zbiap/store/receipt_iap.h"
+
+namespace zbiap::internal {
+
+// A decoded receipt. Immutable once published, but for the dictionary, which is made once on
+// first use (thread-safe).
+struct DecodedReceipt {
+  std::vector<ZBIAPReceiptIAPPtr> purchases;
+  std::optional<Date> originalPurchaseDate;
+  std::optional<std::string> originalPurchaseVersion;
+  std::optional<std::string> bundleIdentifier;
+  std::optional<std::string> appVersion;
+  std::optional<Date> creationDate;
+  std::optional<Date> expirationDate;
+  std::optional<std::string> environment;
+
+  // The receipt bytes, kept for the dictionary when it has not been made yet.
+  std::shared_ptr<const Data> source;
+  // The receipt dictionary, made from `source` on first use unless `hasDictionary`.
+  const Dictionary& dictionary() const;
+  bool hasDictionary = false;
+  mutable Dictionary dictionary_;
+  mutable std::once_flag dictionaryOnce_;
+};
+
+// The reference decoder; false when the receipt is rejected (`out` is then unspecified).
+bool decodeReceiptWithTree(std::span<const uint8_t> data, DecodedReceipt* out);
+
+// The direct walk; false when it cannot decide (`out` is then unspecified), true when `out`
+// holds exactly the records and fields the reference would give (without the dictionary).
+bool decodeReceiptDirect(std::span<const uint8_t> data, DecodedReceipt* out);
+
+// Whether two decodes give the same fields and records (transaction identifiers included);
+// the dictionaries are not compared. For the checks that hold the two decoders together.
+bool sameContents(const DecodedReceipt& a, const DecodedReceipt& b);
+
+// The content octets of the PKCS #7 container, parsed into `container`; false when the
+// container is rejected.
+bool receiptContent(std::span<const uint8_t> data, ASN1Tree* container,
+                    std::span<const uint8_t>* content);
+
+// What the parser gives as the first value of an attribute's octets.
+struct FirstValue {
+  enum { kNone, kString, kInteger } kind = kNone;  // kNone: no parse, or another type
+  std::string_view text;
+  int64_t integer = 0;
+};
+
+// The common case without a tree: the octets hold exactly one primitive universal INTEGER (up
+// to 8 octets) or text string of definite length; the parser would read that one element and
+// nothing else, so the outcome is the same. False when the octets need the parser.
+bool readSimpleValue(std::span<const uint8_t> octets, FirstValue* out);
+
+}  // namespace zbiap::internal
+
+#endif  // ZBIAP_SRC_STORE_RECEIPT_DECODER_H_
