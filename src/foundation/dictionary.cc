@@ -100,37 +100,34 @@ const Value& Dictionary::operator[](std::string_view key) const {
   return v ? *v : nilValue();
 }
 
-void Dictionary::set(std::string key, Value value) {
+void Dictionary::set(std::string key, Value value) { slot(std::move(key)) = std::move(value); }
+
+Value& Dictionary::slot(std::string key) {
   if (!index_) {
     for (Entry& e : entries_) {
-      if (e.first == key) {
-        e.second = std::move(value);
-        return;
-      }
+      if (e.first == key) return e.second;
     }
-    entries_.emplace_back(std::move(key), std::move(value));
+    entries_.emplace_back(std::move(key), Value());
     if (entries_.size() >= kIndexThreshold) rebuildIndex();
-    return;
+    return entries_.back().second;
   }
   // One probe finds either the key or the empty slot where it belongs.
   uint32_t* slots = slotsOf(index_);
   const size_t mask = slots[0];
-  size_t slot = keyHash(key) & mask;
-  while (uint32_t pos = slots[slot + 1]) {
+  size_t at = keyHash(key) & mask;
+  while (uint32_t pos = slots[at + 1]) {
     Entry& e = entries_[pos - 1];
-    if (e.first == key) {
-      e.second = std::move(value);
-      return;
-    }
-    slot = (slot + 1) & mask;
+    if (e.first == key) return e.second;
+    at = (at + 1) & mask;
   }
-  entries_.emplace_back(std::move(key), std::move(value));
+  entries_.emplace_back(std::move(key), Value());
   // Rebuild when the table would fill beyond half or is shared with a copy; else insert.
   if (index_.use_count() > 1 || entries_.size() * 2 > mask + 1) {
     rebuildIndex();
-    return;
+  } else {
+    slots[at + 1] = static_cast<uint32_t>(entries_.size());
   }
-  slots[slot + 1] = static_cast<uint32_t>(entries_.size());
+  return entries_.back().second;
 }
 
 bool Dictionary::remove(std::string_view key) {

@@ -14,10 +14,8 @@ namespace zbiap::internal {
 
 class ValueAccess {
  public:
-  static Value string(Arena* arena, std::string_view s) {
-    Value v;
-    v.v_ = std::allocate_shared<const std::string>(ArenaAllocator<char>(arena), s);
-    return v;
+  static void string(Arena* arena, std::string_view s, Value* out) {
+    out->v_ = std::allocate_shared<const std::string>(ArenaAllocator<char>(arena), s);
   }
   // An empty array or dictionary in the arena, made the value of `out`, for the builder to
   // fill before the value is shared: building in place spares a move of the container.
@@ -33,6 +31,8 @@ class ValueAccess {
     out->v_.emplace<std::shared_ptr<const Dictionary>>(std::move(node));
     return raw;
   }
+  // The value under `key`, to be filled in place (see Dictionary::slot).
+  static Value* slot(Dictionary* d, std::string_view key) { return &d->slot(std::string(key)); }
 };
 
 }  // namespace zbiap::internal

@@ -66,6 +66,10 @@ class Dictionary {
   friend bool operator==(const Dictionary& a, const Dictionary& b);
 
  private:
+  friend class internal::ValueAccess;
+  // The value under `key`, appended as nil when absent: set() and in-place builders. Valid
+  // until the dictionary changes again.
+  Value& slot(std::string key);
   void rebuildIndex() const;
   std::vector<Entry> entries_;
   // Built lazily for large dictionaries: key -> position in entries_.
