@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "storekit/der_writer.h"
 #include "zbiap/storekit/receipt_writer.h"
@@ -329,6 +331,48 @@ TEST_F(ReceiptParserTest, ChunkedContentIsRejected) {
   auto parser = ZBIAPReceiptParser::fromReceiptData(plain);
   EXPECT_TRUE(parser->isLoaded());
   EXPECT_EQ(parser->inAppPurchases().size(), 1u);
+}
+
+// The dictionary form is made on request, after the refresh; it must still describe the
+// receipt that was read, not the file as it is now, and be safe to ask for from several
+// threads while another refreshes.
+TEST_F(ReceiptParserTest, DictionaryDescribesTheReceiptThatWasRead) {
+  auto dir = std::filesystem::temp_directory_path() /
+             ("zbiap_receipt_dict_" + std::to_string(reinterpret_cast<uintptr_t>(this)));
+  std::filesystem::create_directories(dir);
+  auto path = dir / "receipt";
+  auto write = [&](int purchases) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    Data data = *writer_->write(contents(purchases));
+    out.write(reinterpret_cast<const char*>(data.data()),
+              static_cast<std::streamsize>(data.size()));
+  };
+  write(3);
+  auto parser = ZBIAPReceiptParser::fromReceiptURL(path);
+  ASSERT_TRUE(parser->isLoaded());
+  write(1);
+  EXPECT_EQ(parser->dictionaryRepresentation()[ZBIAPReceiptKeyIAPs].size(), 3u);
+  parser->refresh();
+  EXPECT_EQ(parser->dictionaryRepresentation()[ZBIAPReceiptKeyIAPs].size(), 1u);
+
+  std::atomic<bool> done{false};
+  std::thread refresher([&] {
+    for (int i = 0; i < 50; ++i) parser->refresh();
+    done = true;
+  });
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 2; ++t) {
+    readers.emplace_back([&] {
+      while (!done) {
+        zbiap::Dictionary d = parser->dictionaryRepresentation();
+        EXPECT_EQ(d[ZBIAPReceiptKeyBundleID], Value("com.example.app"));
+        EXPECT_EQ(parser->inAppPurchases().size(), 1u);
+      }
+    });
+  }
+  refresher.join();
+  for (auto& r : readers) r.join();
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
