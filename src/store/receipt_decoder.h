@@ -27,6 +27,50 @@
 
 namespace zbiap::internal {
 
+// The attributes a receipt's SET and a purchase's SET are read for; every other type is
+// skipped. Both decoders follow these tables, so they cannot differ on what is kept.
+enum class AttributeKind { kString, kNumber, kDate };
+struct AttributeRule {
+  int64_t type;
+  const char* key;  // in the receipt's or the purchase's dictionary
+  AttributeKind kind;
+  bool required;  // a value not of the kind rejects the whole receipt; else it is left out
+};
+
+// The in-app purchase attribute: its value is a purchase SET.
+inline constexpr int64_t kPurchaseAttribute = 17;
+
+inline constexpr AttributeRule kReceiptRules[] = {
+    {0, ZBIAPReceiptKeyEnvironment, AttributeKind::kString, false},
+    {2, ZBIAPReceiptKeyBundleID, AttributeKind::kString, true},
+    {3, ZBIAPReceiptKeyAppVersion, AttributeKind::kString, true},
+    {12, ZBIAPReceiptKeyCreationDate, AttributeKind::kDate, true},
+    {18, ZBIAPReceiptKeyOriginalPurchaseDate, AttributeKind::kDate, false},
+    {19, ZBIAPReceiptKeyOriginalAppVersion, AttributeKind::kString, true},
+    {21, ZBIAPReceiptKeyExpirationDate, AttributeKind::kDate, true},
+};
+
+inline constexpr AttributeRule kPurchaseRules[] = {
+    {1701, ZBIAPReceiptKeyIAPQuantity, AttributeKind::kNumber, true},
+    {1702, ZBIAPReceiptKeyIAPProductID, AttributeKind::kString, true},
+    {1703, ZBIAPReceiptKeyIAPTransactionID, AttributeKind::kString, true},
+    {1704, ZBIAPReceiptKeyIAPPurchaseDate, AttributeKind::kDate, true},
+    {1705, ZBIAPReceiptKeyIAPOriginalTransactionID, AttributeKind::kString, true},
+    {1706, ZBIAPReceiptKeyIAPOriginalPurchaseDate, AttributeKind::kDate, true},
+    {1708, ZBIAPReceiptKeyIAPSubscriptionExpirationDate, AttributeKind::kDate, false},
+    {1711, ZBIAPReceiptKeyIAPWebOrderLineItemID, AttributeKind::kNumber, true},
+    {1712, ZBIAPReceiptKeyIAPCancellationDate, AttributeKind::kDate, false},
+};
+
+// The position of `type`'s rule in `rules`, or -1 when the type is skipped.
+template <size_t N>
+constexpr int ruleFor(const AttributeRule (&rules)[N], int64_t type) {
+  for (size_t i = 0; i < N; ++i) {
+    if (rules[i].type == type) return static_cast<int>(i);
+  }
+  return -1;
+}
+
 // A decoded receipt. Immutable once published, but for the dictionary, which is made once on
 // first use (thread-safe).
 struct DecodedReceipt {

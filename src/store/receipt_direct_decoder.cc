@@ -3,6 +3,9 @@
 // SEQUENCEs of exactly INTEGER type, INTEGER version and a primitive OCTET STRING, each purchase
 // one such SET filling its OCTET STRING, and values that readSimpleValue() reads. On anything
 // else, and on every outcome that the reference decoder would log or reject, it gives up.
+#include <algorithm>
+#include <cstdint>
+
 #include "store/receipt_decoder.h"
 #include "zbiap/store/receipt_iap.h"
 #include "zbiap/support/date_tools.h"
@@ -81,103 +84,130 @@ inline bool nextAttribute(const uint8_t** at, const uint8_t* end, int64_t* type,
   return true;
 }
 
-// Attribute values. Each returns false when the value is not of the kind; `known` is false
-// when the octets need the reference decoder to tell.
-struct ValueReader {
-  bool known = true;
+// One attribute value as its rule reads it.
+struct ReadValue {
+  bool present = false;
+  std::string_view text;  // kString
+  int64_t number = 0;     // kNumber
+  Date date;              // kDate
 
-  std::optional<std::string_view> text(std::span<const uint8_t> octets) {
-    FirstValue first;
-    if (!readSimpleValue(octets, &first)) {
-      known = false;
-      return std::nullopt;
-    }
-    if (first.kind != FirstValue::kString) return std::nullopt;
-    return first.text;
+  std::optional<std::string> string() const {
+    return present ? std::optional<std::string>(text) : std::nullopt;
   }
-
-  std::optional<int64_t> number(std::span<const uint8_t> octets) {
-    FirstValue first;
-    if (!readSimpleValue(octets, &first)) {
-      known = false;
-      return std::nullopt;
-    }
-    if (first.kind != FirstValue::kInteger) return std::nullopt;
-    return first.integer;
-  }
-
-  std::optional<Date> date(std::span<const uint8_t> octets) {
-    std::optional<std::string_view> t = text(octets);
-    if (!t || t->empty()) return std::nullopt;
-    return ZBIAPDateTools::dateTools().dateFromRFC3339String(*t);
+  std::optional<Date> optionalDate() const {
+    return present ? std::optional<Date>(date) : std::nullopt;
   }
 };
+
+// Reads `octets` as `kind` into `out`: true when the value is of the kind, false when it is not;
+// `*known` turns false when the octets need the reference decoder to tell.
+bool readValue(std::span<const uint8_t> octets, AttributeKind kind, ReadValue* out, bool* known) {
+  FirstValue first;
+  if (!readSimpleValue(octets, &first)) {
+    *known = false;
+    return false;
+  }
+  switch (kind) {
+    case AttributeKind::kString:
+      if (first.kind != FirstValue::kString) return false;
+      out->text = first.text;
+      break;
+    case AttributeKind::kNumber:
+      if (first.kind != FirstValue::kInteger) return false;
+      out->number = first.integer;
+      break;
+    case AttributeKind::kDate: {
+      if (first.kind != FirstValue::kString || first.text.empty()) return false;
+      auto date = ZBIAPDateTools::dateTools().dateFromRFC3339String(first.text);
+      if (!date) return false;
+      out->date = *date;
+      break;
+    }
+  }
+  out->present = true;
+  return true;
+}
+
+// Rule rows by attribute type, a lookup instead of a search per attribute. The types of a
+// table lie within 32 of each other.
+template <size_t N>
+struct RuleIndex {
+  const AttributeRule (&rules)[N];
+  uint64_t base = UINT64_MAX;
+  int8_t rows[32] = {};
+
+  constexpr explicit RuleIndex(const AttributeRule (&table)[N]) : rules(table) {
+    for (const AttributeRule& r : table) base = std::min(base, static_cast<uint64_t>(r.type));
+    for (int8_t& row : rows) row = -1;
+    for (size_t i = 0; i < N; ++i) {
+      const uint64_t at = static_cast<uint64_t>(table[i].type) - base;
+      if (at >= 32) throw "attribute types too far apart for the index";
+      rows[at] = static_cast<int8_t>(i);
+    }
+  }
+  int find(int64_t type) const {
+    const uint64_t at = static_cast<uint64_t>(type) - base;
+    return at < 32 ? rows[at] : -1;
+  }
+  // The row of a type that has a rule; a type without one does not compile.
+  consteval int operator[](int64_t type) const {
+    const int row = rows[static_cast<uint64_t>(type) - base];
+    return row < 0 ? throw "no rule for this attribute type" : row;
+  }
+};
+
+constexpr RuleIndex kReceiptIndex(kReceiptRules);
+constexpr RuleIndex kPurchaseIndex(kPurchaseRules);
+
+// Reads an attribute SET by `rules` into `values` (one per rule; a later value of a type
+// replaces an earlier one). Types without a rule go to `other`, which returns false to give up.
+// False when the reference decoder is needed or would reject the receipt.
+template <size_t N, typename Other>
+bool readAttributes(std::span<const uint8_t> set, const RuleIndex<N>& rules, ReadValue (&values)[N],
+                    Other&& other) {
+  const uint8_t* at = set.data();
+  const uint8_t* end = at + set.size();
+  bool known = true;
+  while (at != end) {
+    int64_t type;
+    std::span<const uint8_t> value;
+    if (!nextAttribute(&at, end, &type, &value)) return false;
+    const int row = rules.find(type);
+    if (row < 0) {
+      if (!other(type, value)) return false;
+      continue;
+    }
+    ReadValue read;
+    if (readValue(value, rules.rules[row].kind, &read, &known)) {
+      values[row] = read;
+    } else if (!known || rules.rules[row].required) {
+      return false;
+    }
+  }
+  return true;
+}
 
 // One purchase SET into a record; false when the reference is needed (or would reject the
 // receipt, or make no record of the purchase, which it logs).
 bool decodePurchase(std::span<const uint8_t> octets, ZBIAPReceiptIAPPtr* record) {
   std::span<const uint8_t> set;
-  if (!wholeArray(octets, &set)) return false;
-  ValueReader read;
-  std::optional<std::string_view> productIdentifier, transactionIdentifier;
-  std::optional<std::string_view> originalTransactionIdentifier;
-  std::optional<Date> purchaseDate, originalPurchaseDate, expirationDate, cancellationDate;
-  int64_t quantity = 0;
-  int64_t webOrderLineItemID = 0;
-  const uint8_t* at = set.data();
-  const uint8_t* end = at + set.size();
-  while (at != end) {
-    int64_t type;
-    std::span<const uint8_t> value;
-    if (!nextAttribute(&at, end, &type, &value)) return false;
-    // Fields the reference requires fail the receipt when unreadable; the others keep their
-    // previous value.
-    switch (type) {
-      case 1701: {
-        auto n = read.number(value);
-        if (!n) return false;
-        quantity = *n;
-        break;
-      }
-      case 1702:
-        if (!(productIdentifier = read.text(value))) return false;
-        break;
-      case 1703:
-        if (!(transactionIdentifier = read.text(value))) return false;
-        break;
-      case 1704:
-        if (!(purchaseDate = read.date(value))) return false;
-        break;
-      case 1705:
-        if (!(originalTransactionIdentifier = read.text(value))) return false;
-        break;
-      case 1706:
-        if (!(originalPurchaseDate = read.date(value))) return false;
-        break;
-      case 1708:
-        if (auto d = read.date(value)) expirationDate = d;
-        break;
-      case 1711: {
-        auto n = read.number(value);
-        if (!n) return false;
-        webOrderLineItemID = *n;
-        break;
-      }
-      case 1712:
-        if (auto d = read.date(value)) cancellationDate = d;
-        break;
-      default:
-        break;
-    }
-    if (!read.known) return false;
+  ReadValue v[std::size(kPurchaseRules)];
+  if (!wholeArray(octets, &set) ||
+      !readAttributes(set, kPurchaseIndex, v,
+                      [](int64_t, std::span<const uint8_t>) { return true; })) {
+    return false;
   }
-  if (!productIdentifier || !transactionIdentifier || !purchaseDate) return false;
-  std::optional<std::string> original;
-  if (originalTransactionIdentifier) original.emplace(*originalTransactionIdentifier);
-  *record = ZBIAPReceiptIAP::create(std::string(*productIdentifier), quantity,
-                                    std::string(*transactionIdentifier), std::move(original),
-                                    *purchaseDate, originalPurchaseDate, expirationDate,
-                                    cancellationDate, webOrderLineItemID, true);
+  const ReadValue& productIdentifier = v[kPurchaseIndex[1702]];
+  const ReadValue& transactionIdentifier = v[kPurchaseIndex[1703]];
+  const ReadValue& purchaseDate = v[kPurchaseIndex[1704]];
+  if (!productIdentifier.present || !transactionIdentifier.present || !purchaseDate.present) {
+    return false;
+  }
+  *record = ZBIAPReceiptIAP::create(
+      std::string(productIdentifier.text), v[kPurchaseIndex[1701]].number,
+      std::string(transactionIdentifier.text), v[kPurchaseIndex[1705]].string(), purchaseDate.date,
+      v[kPurchaseIndex[1706]].optionalDate(), v[kPurchaseIndex[1708]].optionalDate(),
+      v[kPurchaseIndex[1712]].optionalDate(), v[kPurchaseIndex[1711]].number, true);
   return true;
 }
 
@@ -186,56 +216,25 @@ bool decodePurchase(std::span<const uint8_t> octets, ZBIAPReceiptIAPPtr* record)
 bool decodeReceiptDirect(std::span<const uint8_t> data, DecodedReceipt* out) {
   ASN1Tree container;
   std::span<const uint8_t> content, set;
-  if (!receiptContent(data, &container, &content) || !wholeArray(content, &set)) return false;
-  ValueReader read;
-  const uint8_t* at = set.data();
-  const uint8_t* end = at + set.size();
-  while (at != end) {
-    int64_t type;
-    std::span<const uint8_t> value;
-    if (!nextAttribute(&at, end, &type, &value)) return false;
-    switch (type) {
-      case 0:
-        if (auto t = read.text(value)) out->environment.emplace(*t);
-        break;
-      case 2: {
-        auto t = read.text(value);
-        if (!t) return false;
-        out->bundleIdentifier.emplace(*t);
-        break;
-      }
-      case 3: {
-        auto t = read.text(value);
-        if (!t) return false;
-        out->appVersion.emplace(*t);
-        break;
-      }
-      case 12:
-        if (!(out->creationDate = read.date(value))) return false;
-        break;
-      case 17: {
-        ZBIAPReceiptIAPPtr record;
-        if (!decodePurchase(value, &record)) return false;
-        out->purchases.push_back(std::move(record));
-        break;
-      }
-      case 18:
-        if (auto d = read.date(value)) out->originalPurchaseDate = d;
-        break;
-      case 19: {
-        auto t = read.text(value);
-        if (!t) return false;
-        out->originalPurchaseVersion.emplace(*t);
-        break;
-      }
-      case 21:
-        if (!(out->expirationDate = read.date(value))) return false;
-        break;
-      default:
-        break;
-    }
-    if (!read.known) return false;
+  ReadValue v[std::size(kReceiptRules)];
+  auto purchase = [out](int64_t type, std::span<const uint8_t> value) {
+    if (type != kPurchaseAttribute) return true;
+    ZBIAPReceiptIAPPtr record;
+    if (!decodePurchase(value, &record)) return false;
+    out->purchases.push_back(std::move(record));
+    return true;
+  };
+  if (!receiptContent(data, &container, &content) || !wholeArray(content, &set) ||
+      !readAttributes(set, kReceiptIndex, v, purchase)) {
+    return false;
   }
+  out->environment = v[kReceiptIndex[0]].string();
+  out->bundleIdentifier = v[kReceiptIndex[2]].string();
+  out->appVersion = v[kReceiptIndex[3]].string();
+  out->creationDate = v[kReceiptIndex[12]].optionalDate();
+  out->originalPurchaseDate = v[kReceiptIndex[18]].optionalDate();
+  out->originalPurchaseVersion = v[kReceiptIndex[19]].string();
+  out->expirationDate = v[kReceiptIndex[21]].optionalDate();
   return true;
 }
 

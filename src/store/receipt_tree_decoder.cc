@@ -59,7 +59,7 @@ inline std::optional<int64_t> attributeType(ASN1Node number) {
   }
 }
 
-enum class Kind { kString, kNumber, kDate };
+using Kind = AttributeKind;
 
 class ReceiptDecoder {
  public:
@@ -79,43 +79,14 @@ class ReceiptDecoder {
       ASN1Node attribute = set[i];
       std::optional<int64_t> type;
       if (!checkAttribute(attribute, &type)) return false;
-      ASN1Node value = attribute[2];
-      switch (type.value_or(-1)) {
-        case 0:
-          decodeInto(receipt, ZBIAPReceiptKeyEnvironment, value, Kind::kString);
-          break;
-        case 2:
-          if (!decodeInto(receipt, ZBIAPReceiptKeyBundleID, value, Kind::kString)) return false;
-          break;
-        case 3:
-          if (!decodeInto(receipt, ZBIAPReceiptKeyAppVersion, value, Kind::kString)) return false;
-          break;
-        case 12:
-          if (!decodeInto(receipt, ZBIAPReceiptKeyCreationDate, value, Kind::kDate)) return false;
-          break;
-        case 17: {
-          Dictionary purchase;
-          if (!decodePurchase(value, &purchase)) return false;
-          // The key takes its place in the dictionary at the first purchase.
-          if (purchases.empty()) receipt->set(ZBIAPReceiptKeyIAPs, Value(zbiap::Array()));
-          purchases.emplace_back(std::move(purchase));
-          break;
-        }
-        case 18:
-          decodeInto(receipt, ZBIAPReceiptKeyOriginalPurchaseDate, value, Kind::kDate);
-          break;
-        case 19:
-          if (!decodeInto(receipt, ZBIAPReceiptKeyOriginalAppVersion, value, Kind::kString)) {
-            return false;
-          }
-          break;
-        case 21:
-          if (!decodeInto(receipt, ZBIAPReceiptKeyExpirationDate, value, Kind::kDate)) {
-            return false;
-          }
-          break;
-        default:
-          break;
+      if (type == kPurchaseAttribute) {
+        Dictionary purchase;
+        if (!decodePurchase(attribute[2], &purchase)) return false;
+        // The key takes its place in the dictionary at the first purchase.
+        if (purchases.empty()) receipt->set(ZBIAPReceiptKeyIAPs, Value(zbiap::Array()));
+        purchases.emplace_back(std::move(purchase));
+      } else if (!decodeByRule(receipt, kReceiptRules, type, attribute[2])) {
+        return false;
       }
     }
     // Records are made only from a receipt that is accepted as a whole; purchases that give
@@ -152,43 +123,22 @@ class ReceiptDecoder {
     for (size_t i = 0; i < set.size(); ++i) {
       ASN1Node attribute = set[i];
       std::optional<int64_t> type;
-      if (!checkAttribute(attribute, &type)) return false;
-      ASN1Node field = attribute[2];
-      bool ok = true;
-      switch (type.value_or(-1)) {
-        case 1701:
-          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPQuantity, field, Kind::kNumber);
-          break;
-        case 1702:
-          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPProductID, field, Kind::kString);
-          break;
-        case 1703:
-          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPTransactionID, field, Kind::kString);
-          break;
-        case 1704:
-          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPPurchaseDate, field, Kind::kDate);
-          break;
-        case 1705:
-          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPOriginalTransactionID, field, Kind::kString);
-          break;
-        case 1706:
-          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPOriginalPurchaseDate, field, Kind::kDate);
-          break;
-        case 1708:
-          decodeInto(purchase, ZBIAPReceiptKeyIAPSubscriptionExpirationDate, field, Kind::kDate);
-          break;
-        case 1711:
-          ok = decodeInto(purchase, ZBIAPReceiptKeyIAPWebOrderLineItemID, field, Kind::kNumber);
-          break;
-        case 1712:
-          decodeInto(purchase, ZBIAPReceiptKeyIAPCancellationDate, field, Kind::kDate);
-          break;
-        default:
-          break;
+      if (!checkAttribute(attribute, &type) ||
+          !decodeByRule(purchase, kPurchaseRules, type, attribute[2])) {
+        return false;
       }
-      if (!ok) return false;
     }
     return true;
+  }
+
+  // The attribute value under its rule's key; false when a required value is not of its kind.
+  template <size_t N>
+  bool decodeByRule(Dictionary* into, const AttributeRule (&rules)[N], std::optional<int64_t> type,
+                    ASN1Node value) {
+    const int row = type ? ruleFor(rules, *type) : -1;
+    if (row < 0) return true;
+    const AttributeRule& rule = rules[row];
+    return decodeInto(into, rule.key, value, rule.kind) || !rule.required;
   }
 
   // Decodes an attribute value (the DER of one element inside the OCTET STRING) and sets it
