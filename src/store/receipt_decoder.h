@@ -85,9 +85,8 @@ struct DecodedReceipt {
 
   // The receipt bytes, kept for the dictionary when it has not been made yet.
   std::shared_ptr<const Data> source;
-  // The receipt dictionary, made from `source` on first use unless `hasDictionary`.
+  // The receipt dictionary: the tree decoder's own, or made from `source` on first use.
   const Dictionary& dictionary() const;
-  bool hasDictionary = false;
   mutable Dictionary dictionary_;
   mutable std::once_flag dictionaryOnce_;
 };

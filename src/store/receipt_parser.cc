@@ -49,16 +49,17 @@ using zbiap::internal::DecodedReceipt;
 // The receipt in `source`, or null with `error` set when it is rejected.
 std::shared_ptr<const DecodedReceipt> decode(std::shared_ptr<const zbiap::Data> source,
                                              ZBIAPErrorPtr* error) {
-  auto contents = std::make_shared<DecodedReceipt>();
-  if (!zbiap::internal::decodeReceiptDirect(*source, contents.get())) {
-    contents = std::make_shared<DecodedReceipt>();
-    if (!zbiap::internal::decodeReceiptWithTree(*source, contents.get())) {
-      *error = ZBIAPError::make(ZBIAPReceiptParserErrorDomain, ZBIAPReceiptParserErrorMalformed);
-      return nullptr;
-    }
-  }
-  if (!contents->hasDictionary) contents->source = std::move(source);
   *error = nullptr;
+  auto contents = std::make_shared<DecodedReceipt>();
+  if (zbiap::internal::decodeReceiptDirect(*source, contents.get())) {
+    contents->source = std::move(source);  // for the dictionary, when asked for
+    return contents;
+  }
+  contents = std::make_shared<DecodedReceipt>();
+  if (!zbiap::internal::decodeReceiptWithTree(*source, contents.get())) {
+    *error = ZBIAPError::make(ZBIAPReceiptParserErrorDomain, ZBIAPReceiptParserErrorMalformed);
+    return nullptr;
+  }
   return contents;
 }
 

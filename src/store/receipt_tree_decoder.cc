@@ -268,7 +268,6 @@ bool decodeReceiptWithTree(std::span<const uint8_t> data, DecodedReceipt* out) {
   ReceiptDecoder decoder;
   Dictionary& d = out->dictionary_;
   if (!decoder.decode(data, &d, &out->purchases)) return false;
-  out->hasDictionary = true;
   out->originalPurchaseDate = typed<Date>(d, ZBIAPReceiptKeyOriginalPurchaseDate);
   out->originalPurchaseVersion = typed<std::string>(d, ZBIAPReceiptKeyOriginalAppVersion);
   out->bundleIdentifier = typed<std::string>(d, ZBIAPReceiptKeyBundleID);
@@ -281,7 +280,7 @@ bool decodeReceiptWithTree(std::span<const uint8_t> data, DecodedReceipt* out) {
 
 const Dictionary& DecodedReceipt::dictionary() const {
   std::call_once(dictionaryOnce_, [this] {
-    if (hasDictionary || source == nullptr) return;
+    if (source == nullptr) return;  // the tree decoder made it
     DecodedReceipt decoded;
     if (decodeReceiptWithTree(*source, &decoded)) dictionary_ = std::move(decoded.dictionary_);
   });
