@@ -3,7 +3,6 @@
 // SEQUENCEs of exactly INTEGER type, INTEGER version and a primitive OCTET STRING, each purchase
 // one such SET filling its OCTET STRING, and values that readSimpleValue() reads. On anything
 // else, and on every outcome that the reference decoder would log or reject, it gives up.
-#include <algorithm>
 #include <cstdint>
 
 #include "store/receipt_decoder.h"
@@ -127,37 +126,6 @@ bool readValue(std::span<const uint8_t> octets, AttributeKind kind, ReadValue* o
   out->present = true;
   return true;
 }
-
-// Rule rows by attribute type, a lookup instead of a search per attribute. The types of a
-// table lie within 32 of each other.
-template <size_t N>
-struct RuleIndex {
-  const AttributeRule (&rules)[N];
-  uint64_t base = UINT64_MAX;
-  int8_t rows[32] = {};
-
-  constexpr explicit RuleIndex(const AttributeRule (&table)[N]) : rules(table) {
-    for (const AttributeRule& r : table) base = std::min(base, static_cast<uint64_t>(r.type));
-    for (int8_t& row : rows) row = -1;
-    for (size_t i = 0; i < N; ++i) {
-      const uint64_t at = static_cast<uint64_t>(table[i].type) - base;
-      if (at >= 32) throw "attribute types too far apart for the index";
-      rows[at] = static_cast<int8_t>(i);
-    }
-  }
-  int find(int64_t type) const {
-    const uint64_t at = static_cast<uint64_t>(type) - base;
-    return at < 32 ? rows[at] : -1;
-  }
-  // The row of a type that has a rule; a type without one does not compile.
-  consteval int operator[](int64_t type) const {
-    const int row = rows[static_cast<uint64_t>(type) - base];
-    return row < 0 ? throw "no rule for this attribute type" : row;
-  }
-};
-
-constexpr RuleIndex kReceiptIndex(kReceiptRules);
-constexpr RuleIndex kPurchaseIndex(kPurchaseRules);
 
 // Reads an attribute SET by `rules` into `values` (one per rule; a later value of a type
 // replaces an earlier one). Types without a rule go to `other`, which returns false to give up.

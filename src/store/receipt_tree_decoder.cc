@@ -59,8 +59,6 @@ inline std::optional<int64_t> attributeType(ASN1Node number) {
   }
 }
 
-using Kind = AttributeKind;
-
 class ReceiptDecoder {
  public:
   // False when the receipt is rejected.
@@ -85,7 +83,7 @@ class ReceiptDecoder {
         // The key takes its place in the dictionary at the first purchase.
         if (purchases.empty()) receipt->set(ZBIAPReceiptKeyIAPs, Value(zbiap::Array()));
         purchases.emplace_back(std::move(purchase));
-      } else if (!decodeByRule(receipt, kReceiptRules, type, attribute[2])) {
+      } else if (!decodeByRule(receipt, kReceiptIndex, type, attribute[2])) {
         return false;
       }
     }
@@ -124,7 +122,7 @@ class ReceiptDecoder {
       ASN1Node attribute = set[i];
       std::optional<int64_t> type;
       if (!checkAttribute(attribute, &type) ||
-          !decodeByRule(purchase, kPurchaseRules, type, attribute[2])) {
+          !decodeByRule(purchase, kPurchaseIndex, type, attribute[2])) {
         return false;
       }
     }
@@ -133,17 +131,17 @@ class ReceiptDecoder {
 
   // The attribute value under its rule's key; false when a required value is not of its kind.
   template <size_t N>
-  bool decodeByRule(Dictionary* into, const AttributeRule (&rules)[N], std::optional<int64_t> type,
+  bool decodeByRule(Dictionary* into, const RuleIndex<N>& rules, std::optional<int64_t> type,
                     ASN1Node value) {
-    const int row = type ? ruleFor(rules, *type) : -1;
+    const int row = type ? rules.find(*type) : -1;
     if (row < 0) return true;
-    const AttributeRule& rule = rules[row];
+    const AttributeRule& rule = rules.rules[row];
     return decodeInto(into, rule.key, value, rule.kind) || !rule.required;
   }
 
   // Decodes an attribute value (the DER of one element inside the OCTET STRING) and sets it
   // under `key`; false, leaving `into` as it was, when it gives no value of the kind.
-  bool decodeInto(Dictionary* into, const char* key, ASN1Node octets, Kind kind) {
+  bool decodeInto(Dictionary* into, const char* key, ASN1Node octets, AttributeKind kind) {
     if (!octets.isData()) return false;
     FirstValue first;
     Value number;
@@ -162,15 +160,15 @@ class ReceiptDecoder {
       number = Value(first.integer);
     }
     switch (kind) {
-      case Kind::kString:
+      case AttributeKind::kString:
         if (first.kind != FirstValue::kString) return false;
         into->set(key, Value(first.text));
         return true;
-      case Kind::kNumber:
+      case AttributeKind::kNumber:
         if (number.isNil()) return false;
         into->set(key, std::move(number));
         return true;
-      case Kind::kDate: {
+      case AttributeKind::kDate: {
         if (first.kind != FirstValue::kString || first.text.empty()) return false;
         auto date = ZBIAPDateTools::dateTools().dateFromRFC3339String(first.text);
         if (!date) return false;
