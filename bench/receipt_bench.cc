@@ -18,8 +18,8 @@
 
 #include "bench/receipt_fixture.h"
 #include "testing/testdata.h"
-#include "zbiap/store/asn1_parser.h"
-#include "zbiap/store/receipt_parser.h"
+#include "zbiap/receipt/asn1_parser.h"
+#include "zbiap/receipt/receipt_parser.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-set(_zbiap_layers foundation platform support storekit store catalog manager)
+set(_zbiap_layers foundation platform support receipt storekit store catalog manager)
 set(_zbiap_targets zbiap)
 foreach(_layer IN LISTS _zbiap_layers)
   list(APPEND _zbiap_targets zbiap_${_layer})

@@ -1,5 +1,5 @@
 # The library is built as one static library per layer, each depending only on the layers
-# below it (foundation <- platform <- support <- storekit <- store <- catalog <- manager), and
+# below it (foundation <- platform <- support <- receipt, storekit <- store <- catalog <- manager), and
 # the umbrella target zbiap (alias zbiap::zbiap) that links them all. The layers keep the
 # dependency direction honest: a layer that reaches upwards does not link.
 function(zbiap_layer name)

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string>
 
-#include "zbiap/store/asn1_parser.h"
-#include "zbiap/store/asn1_tag.h"
+#include "zbiap/receipt/asn1_parser.h"
+#include "zbiap/receipt/asn1_tag.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "store/receipt_decoder.h"
-#include "zbiap/store/receipt_parser.h"
+#include "receipt/receipt_decoder.h"
+#include "zbiap/receipt/receipt_parser.h"
 
 namespace {
 

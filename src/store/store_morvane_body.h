@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "zbiap/foundation/error.h"
-#include "zbiap/store/receipt_iap.h"
+#include "zbiap/receipt/receipt_iap.h"
 
 namespace zbiap {
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "zbiap/store/receipt_iap.h"
+#include "zbiap/receipt/receipt_iap.h"
 #include "zbiap/store/store.h"
 #include "zbiap/store/store_product.h"
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "testing/test_platform.h"
-#include "zbiap/store/receipt_parser.h"
+#include "zbiap/receipt/receipt_parser.h"
 #include "zbiap/storekit/sk_error.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include "commands.h"
 #include "input.h"
 #include "options.h"
-#include "zbiap/store/asn1_parser.h"
+#include "zbiap/receipt/asn1_parser.h"
 
 namespace zbiap::cli {
 namespace {

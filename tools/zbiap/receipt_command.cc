@@ -12,7 +12,7 @@
 #include "input.h"
 #include "options.h"
 #include "zbiap/foundation/json.h"
-#include "zbiap/store/receipt_parser.h"
+#include "zbiap/receipt/receipt_parser.h"
 #include "zbiap/storekit/receipt_writer.h"
 
 namespace zbiap::cli {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "zbiap/foundation/value.h"
-#include "zbiap/store/receipt_iap.h"
+#include "zbiap/receipt/receipt_iap.h"
 
 // Keys of the request body.
 inline constexpr char ZBIAPDeviceCharacteristicsKeyClientDevice[] = "client_device";

@@ -18,7 +18,7 @@
 
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/error.h"
-#include "zbiap/store/receipt_iap.h"
+#include "zbiap/receipt/receipt_iap.h"
 #include "zbiap/store/store_product.h"
 
 class ZBIAPManager;
@@ -48,13 +48,6 @@ enum ZBIAPStoreRestoreResult : int64_t {
   ZBIAPStoreRestoreResultFailed = 0,     // the error says why
   ZBIAPStoreRestoreResultChanged = 1,    // done, and the purchase list changed
   ZBIAPStoreRestoreResultUnchanged = 2,  // done, nothing changed
-};
-
-// Whatever can list purchase records.
-class ZBIAPReceiptProvider {
- public:
-  virtual ~ZBIAPReceiptProvider() = default;
-  virtual std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const = 0;
 };
 
 class ZBIAPStoreDelegate : public ZBIAPReceiptProvider {

@@ -24,7 +24,7 @@
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/store/file_monitor.h"
-#include "zbiap/store/receipt_parser.h"
+#include "zbiap/receipt/receipt_parser.h"
 #include "zbiap/store/store.h"
 #include "zbiap/storekit/sk_payment_queue.h"
 #include "zbiap/storekit/sk_request.h"

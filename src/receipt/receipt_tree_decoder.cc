@@ -3,10 +3,10 @@
 // beyond the values it produces.
 #include <cmath>
 
-#include "store/asn1_utf8.h"
-#include "store/receipt_decoder.h"
-#include "zbiap/store/asn1_parser.h"
-#include "zbiap/store/receipt_parser.h"
+#include "receipt/asn1_utf8.h"
+#include "receipt/receipt_decoder.h"
+#include "zbiap/receipt/asn1_parser.h"
+#include "zbiap/receipt/receipt_parser.h"
 #include "zbiap/support/date_tools.h"
 
 namespace zbiap::internal {

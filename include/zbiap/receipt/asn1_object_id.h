@@ -3,8 +3,8 @@
 // Built from DER content octets or from dotted text; both factories give null for an invalid
 // identifier (an absolute one has at least two arcs, a relative one at least one). Safe to
 // share between threads.
-#ifndef ZBIAP_STORE_ASN1_OBJECT_ID_H_
-#define ZBIAP_STORE_ASN1_OBJECT_ID_H_
+#ifndef ZBIAP_RECEIPT_ASN1_OBJECT_ID_H_
+#define ZBIAP_RECEIPT_ASN1_OBJECT_ID_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -61,4 +61,4 @@ struct std::hash<ZBIAPASN1ObjectID> {
   size_t operator()(const ZBIAPASN1ObjectID& oid) const { return oid.hash(); }
 };
 
-#endif  // ZBIAP_STORE_ASN1_OBJECT_ID_H_
+#endif  // ZBIAP_RECEIPT_ASN1_OBJECT_ID_H_

@@ -1,4 +1,4 @@
-#include "zbiap/store/receipt_parser.h"
+#include "zbiap/receipt/receipt_parser.h"
 
 #include <gtest/gtest.h>
 

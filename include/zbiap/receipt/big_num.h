@@ -1,7 +1,7 @@
 // ZBIAPBigNum: an ASN.1 INTEGER too long for any number type (17 content octets or more),
 // kept as its content octets, big-endian two's complement, unchanged. Immutable.
-#ifndef ZBIAP_STORE_BIG_NUM_H_
-#define ZBIAP_STORE_BIG_NUM_H_
+#ifndef ZBIAP_RECEIPT_BIG_NUM_H_
+#define ZBIAP_RECEIPT_BIG_NUM_H_
 
 #include <memory>
 #include <string>
@@ -25,4 +25,4 @@ class ZBIAPBigNum {
   zbiap::Data data_;
 };
 
-#endif  // ZBIAP_STORE_BIG_NUM_H_
+#endif  // ZBIAP_RECEIPT_BIG_NUM_H_

@@ -1,4 +1,4 @@
-#include "zbiap/store/big_num.h"
+#include "zbiap/receipt/big_num.h"
 
 std::shared_ptr<ZBIAPBigNum> ZBIAPBigNum::initWithData(zbiap::Data data) {
   return std::make_shared<ZBIAPBigNum>(std::move(data));

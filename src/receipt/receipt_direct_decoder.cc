@@ -5,8 +5,8 @@
 // else, and on every outcome that the reference decoder would log or reject, it gives up.
 #include <cstdint>
 
-#include "store/receipt_decoder.h"
-#include "zbiap/store/receipt_iap.h"
+#include "receipt/receipt_decoder.h"
+#include "zbiap/receipt/receipt_iap.h"
 #include "zbiap/support/date_tools.h"
 
 namespace zbiap::internal {

@@ -10,7 +10,7 @@
 
 #include "testing/testdata.h"
 #include "zbiap/foundation/json.h"
-#include "zbiap/store/receipt_parser.h"
+#include "zbiap/receipt/receipt_parser.h"
 
 namespace {
 

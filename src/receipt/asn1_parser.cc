@@ -1,14 +1,14 @@
 // The parser works level by level: each level appends the indices of its values to one shared
 // stack, and a finished array moves its slice of the stack into the tree's children list, so
 // building a tree allocates only when its flat arrays grow.
-#include "zbiap/store/asn1_parser.h"
+#include "zbiap/receipt/asn1_parser.h"
 
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 
-#include "store/asn1_utf8.h"
+#include "receipt/asn1_utf8.h"
 
 namespace zbiap {
 

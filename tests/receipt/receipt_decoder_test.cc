@@ -1,6 +1,6 @@
 // The direct receipt decoder against the tree decoder: wherever the direct one answers, both
 // must agree on every record and field, and it must answer for the receipts that matter.
-#include "store/receipt_decoder.h"
+#include "receipt/receipt_decoder.h"
 
 #include <gtest/gtest.h>
 

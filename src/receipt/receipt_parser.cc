@@ -1,9 +1,9 @@
-#include "zbiap/store/receipt_parser.h"
+#include "zbiap/receipt/receipt_parser.h"
 
 #include <fstream>
 #include <iterator>
 
-#include "store/receipt_decoder.h"
+#include "receipt/receipt_decoder.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Text checks of the ASN.1 parser: strict UTF-8 (no overlong forms, surrogates or code
 // points above U+10FFFF) and 7-bit ASCII. Both scan eight bytes at a time while the text is
 // ASCII.
-#ifndef ZBIAP_STORE_ASN1_UTF8_H_
-#define ZBIAP_STORE_ASN1_UTF8_H_
+#ifndef ZBIAP_RECEIPT_ASN1_UTF8_H_
+#define ZBIAP_RECEIPT_ASN1_UTF8_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -69,4 +69,4 @@ inline bool isValidUTF8(const uint8_t* p, size_t n) {
 
 }  // namespace zbiap
 
-#endif  // ZBIAP_STORE_ASN1_UTF8_H_
+#endif  // ZBIAP_RECEIPT_ASN1_UTF8_H_

@@ -4,14 +4,14 @@
 //
 // A light view: its value lives in the zbiap::ASN1Tree it came from, so a tag is valid while
 // that tree lives. Immutable.
-#ifndef ZBIAP_STORE_ASN1_TAG_H_
-#define ZBIAP_STORE_ASN1_TAG_H_
+#ifndef ZBIAP_RECEIPT_ASN1_TAG_H_
+#define ZBIAP_RECEIPT_ASN1_TAG_H_
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
-#include "zbiap/store/asn1_tree.h"
+#include "zbiap/receipt/asn1_tree.h"
 
 class ZBIAPASN1Tag {
  public:
@@ -40,4 +40,4 @@ class ZBIAPASN1Tag {
   zbiap::ASN1Node value_;
 };
 
-#endif  // ZBIAP_STORE_ASN1_TAG_H_
+#endif  // ZBIAP_RECEIPT_ASN1_TAG_H_

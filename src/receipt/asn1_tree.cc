@@ -1,7 +1,7 @@
-#include "zbiap/store/asn1_tree.h"
+#include "zbiap/receipt/asn1_tree.h"
 
-#include "zbiap/store/asn1_tag.h"
-#include "zbiap/store/big_num.h"
+#include "zbiap/receipt/asn1_tag.h"
+#include "zbiap/receipt/big_num.h"
 
 namespace zbiap {
 

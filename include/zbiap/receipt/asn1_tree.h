@@ -6,8 +6,8 @@
 // while that buffer lives (ZBIAPASN1Parser's owning overload keeps the buffer in the tree).
 // An ASN1Node is a small view into its tree and is valid while the tree lives. A finished
 // tree is immutable and may be read from several threads.
-#ifndef ZBIAP_STORE_ASN1_TREE_H_
-#define ZBIAP_STORE_ASN1_TREE_H_
+#ifndef ZBIAP_RECEIPT_ASN1_TREE_H_
+#define ZBIAP_RECEIPT_ASN1_TREE_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -19,7 +19,7 @@
 
 #include "zbiap/foundation/decimal.h"
 #include "zbiap/foundation/value.h"
-#include "zbiap/store/asn1_object_id.h"
+#include "zbiap/receipt/asn1_object_id.h"
 
 namespace zbiap {
 
@@ -187,4 +187,4 @@ inline ASN1Node ASN1Tree::root() const { return hasRoot_ ? ASN1Node(this, root_)
 
 }  // namespace zbiap
 
-#endif  // ZBIAP_STORE_ASN1_TREE_H_
+#endif  // ZBIAP_RECEIPT_ASN1_TREE_H_

@@ -1,8 +1,8 @@
 // ZBIAPReceiptIAP: one purchase a store knows of, an immutable record that can be built from
 // and turned into a dictionary with fixed keys. Shared freely between threads
 // (ZBIAPReceiptIAPPtr); the receipt- and record-level dictionary keys are declared here.
-#ifndef ZBIAP_STORE_RECEIPT_IAP_H_
-#define ZBIAP_STORE_RECEIPT_IAP_H_
+#ifndef ZBIAP_RECEIPT_RECEIPT_IAP_H_
+#define ZBIAP_RECEIPT_RECEIPT_IAP_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -119,4 +119,11 @@ struct std::hash<ZBIAPReceiptIAP> {
   size_t operator()(const ZBIAPReceiptIAP& iap) const { return iap.hash(); }
 };
 
-#endif  // ZBIAP_STORE_RECEIPT_IAP_H_
+// Whatever can list purchase records.
+class ZBIAPReceiptProvider {
+ public:
+  virtual ~ZBIAPReceiptProvider() = default;
+  virtual std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const = 0;
+};
+
+#endif  // ZBIAP_RECEIPT_RECEIPT_IAP_H_

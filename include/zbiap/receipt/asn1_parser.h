@@ -6,8 +6,8 @@
 // Class operations only; all are thread-safe. Failure is a null result, never an exception.
 // Whatever the input, the parser reads nothing outside its buffer and nests at most
 // kMaxDepth levels (deeper input fails like any malformed input).
-#ifndef ZBIAP_STORE_ASN1_PARSER_H_
-#define ZBIAP_STORE_ASN1_PARSER_H_
+#ifndef ZBIAP_RECEIPT_ASN1_PARSER_H_
+#define ZBIAP_RECEIPT_ASN1_PARSER_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -17,7 +17,7 @@
 #include <string>
 
 #include "zbiap/foundation/value.h"
-#include "zbiap/store/asn1_tree.h"
+#include "zbiap/receipt/asn1_tree.h"
 
 class ZBIAPASN1Parser {
  public:
@@ -43,4 +43,4 @@ class ZBIAPASN1Parser {
   static std::optional<std::string> asn1ClassToString(uint64_t asn1Class);
 };
 
-#endif  // ZBIAP_STORE_ASN1_PARSER_H_
+#endif  // ZBIAP_RECEIPT_ASN1_PARSER_H_

@@ -1,8 +1,8 @@
-#include "zbiap/store/asn1_tag.h"
+#include "zbiap/receipt/asn1_tag.h"
 
 #include <fmt/format.h>
 
-#include "zbiap/store/asn1_parser.h"
+#include "zbiap/receipt/asn1_parser.h"
 
 std::shared_ptr<ZBIAPASN1Tag> ZBIAPASN1Tag::initWithTag(uint64_t tag, uint8_t asn1Class,
                                                         bool constructed, zbiap::ASN1Node value) {

@@ -1,4 +1,4 @@
-#include "zbiap/store/receipt_iap.h"
+#include "zbiap/receipt/receipt_iap.h"
 
 #include <gtest/gtest.h>
 

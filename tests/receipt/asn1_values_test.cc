@@ -2,10 +2,10 @@
 
 #include <unordered_set>
 
-#include "zbiap/store/asn1_object_id.h"
-#include "zbiap/store/asn1_parser.h"
-#include "zbiap/store/asn1_tag.h"
-#include "zbiap/store/big_num.h"
+#include "zbiap/receipt/asn1_object_id.h"
+#include "zbiap/receipt/asn1_parser.h"
+#include "zbiap/receipt/asn1_tag.h"
+#include "zbiap/receipt/big_num.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 // replaces them all at once, so a reader never holds a mix of two receipts. The owner calls
 // refresh() when the receipt may have changed, from any thread. The dictionary form is made
 // on first request, from the receipt bytes the reader keeps for it.
-#ifndef ZBIAP_STORE_RECEIPT_PARSER_H_
-#define ZBIAP_STORE_RECEIPT_PARSER_H_
+#ifndef ZBIAP_RECEIPT_RECEIPT_PARSER_H_
+#define ZBIAP_RECEIPT_RECEIPT_PARSER_H_
 
 #include <filesystem>
 #include <memory>
@@ -20,8 +20,7 @@
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/foundation/value.h"
-#include "zbiap/store/receipt_iap.h"
-#include "zbiap/store/store.h"
+#include "zbiap/receipt/receipt_iap.h"
 
 inline constexpr char ZBIAPReceiptParserErrorDomain[] = "ZBIAPReceiptParserErrorDomain";
 // Codes of ZBIAPReceiptParserErrorDomain.
@@ -79,4 +78,4 @@ class ZBIAPReceiptParser : public ZBIAPReceiptProvider {
   std::shared_ptr<const zbiap::Data> receiptData_;
 };
 
-#endif  // ZBIAP_STORE_RECEIPT_PARSER_H_
+#endif  // ZBIAP_RECEIPT_RECEIPT_PARSER_H_

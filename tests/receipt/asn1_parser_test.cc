@@ -1,4 +1,4 @@
-#include "zbiap/store/asn1_parser.h"
+#include "zbiap/receipt/asn1_parser.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +6,8 @@
 #include <initializer_list>
 #include <limits>
 
-#include "zbiap/store/asn1_tag.h"
-#include "zbiap/store/big_num.h"
+#include "zbiap/receipt/asn1_tag.h"
+#include "zbiap/receipt/big_num.h"
 
 namespace {
 

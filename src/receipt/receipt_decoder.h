@@ -23,8 +23,8 @@
 
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/value.h"
-#include "zbiap/store/asn1_tree.h"
-#include "zbiap/store/receipt_iap.h"
+#include "zbiap/receipt/asn1_tree.h"
+#include "zbiap/receipt/receipt_iap.h"
 
 namespace zbiap::internal {
 

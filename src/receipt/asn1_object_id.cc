@@ -1,8 +1,8 @@
-#include "zbiap/store/asn1_object_id.h"
+#include "zbiap/receipt/asn1_object_id.h"
 
 #include <charconv>
 
-#include "zbiap/store/asn1_parser.h"
+#include "zbiap/receipt/asn1_parser.h"
 
 std::optional<ZBIAPASN1ObjectID> ZBIAPASN1ObjectID::parse(const uint8_t* data, size_t length,
                                                           bool isRelativ) {
