@@ -146,7 +146,7 @@ void FakeStore::tellDelegateInformationsChanged() {
   if (auto delegate = storeDelegate()) delegate->storeDidUpdateInformations(*this);
 }
 
-void FakeStore::tellDelegateCountry(const std::string& code) {
+void FakeStore::tellDelegateCountry(const std::optional<std::string>& code) {
   if (auto delegate = storeDelegate()) delegate->store(*this, code);
 }
 
@@ -216,8 +216,11 @@ std::shared_ptr<ZBIAPStoreDelegate> FakeStore::storeDelegate() const {
 }
 
 void FakeStore::setStoreDelegate(std::weak_ptr<ZBIAPStoreDelegate> delegate) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  delegate_ = std::move(delegate);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    delegate_ = std::move(delegate);
+  }
+  if (onDelegateSet) onDelegateSet();
 }
 
 std::shared_ptr<ZBIAPManager> FakeStore::manager() const {
@@ -226,8 +229,11 @@ std::shared_ptr<ZBIAPManager> FakeStore::manager() const {
 }
 
 void FakeStore::setManager(std::weak_ptr<ZBIAPManager> manager) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  manager_ = std::move(manager);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    manager_ = std::move(manager);
+  }
+  if (onManagerSet) onManagerSet();
 }
 
 std::optional<Date> FakeStore::originalPurchaseDate() const {

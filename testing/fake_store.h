@@ -8,6 +8,7 @@
 #define ZBIAP_TESTING_FAKE_STORE_H_
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -68,7 +69,11 @@ class FakeStore final : public ZBIAPStore, public std::enable_shared_from_this<F
   // Calls the delegate's storeDidUpdateInformations() on the calling thread.
   void tellDelegateInformationsChanged();
   // Calls the delegate's store(store, code) on the calling thread.
-  void tellDelegateCountry(const std::string& code);
+  void tellDelegateCountry(const std::optional<std::string>& code);
+  // Run inside setStoreDelegate() and setManager(), after the new value is kept, as a store
+  // that reports or reads at once would.
+  std::function<void()> onDelegateSet;
+  std::function<void()> onManagerSet;
 
   // ZBIAPStore. Purchases, restores and refreshes succeed at once.
   bool canPurchaseProduct(const ZBIAPStoreProductPtr& product) override;

@@ -88,10 +88,16 @@ void ZBIAPManager::commitConfiguration() {
     inAppPurchases_ = std::move(purchases);
     cachedOriginalPurchaseDate_ = std::move(originalPurchaseDate);
     cachedOriginalPurchaseVersion_ = std::move(originalPurchaseVersion);
-    restored = locked_restoreProductInfosAndBaselineFeatures();
   }
+  // The manager is the store's delegate and manager before the saved catalogue comes back: a
+  // store that reports its country as soon as it has a delegate is heard first, and a store
+  // that reads the manager when it is given one does not see the saved catalogue yet.
   store->setStoreDelegate(weak_from_this());
   store->setManager(weak_from_this());
+  {
+    Lock lock(mutex_);
+    restored = locked_restoreProductInfosAndBaselineFeatures();
+  }
 
   if (!restored) {
     auto self = shared_from_this();
@@ -145,7 +151,7 @@ void ZBIAPManager::configurationStepQueryAppStoreCountry() {
                                                            ZBIAPErrorPtr error) {
     runOnMainThread([self, counted, code = std::move(code), error = std::move(error)] {
       if (code) {
-        self->updateCountryCode(*code);
+        self->updateCountryCode(code);
       } else {
         ZBIAP_LOG(self->logger_, "Querying the store country failed with error: {}",
                   describe(error));
@@ -205,15 +211,16 @@ void ZBIAPManager::queryDynamicProductInfos() {
       });
 }
 
-void ZBIAPManager::updateCountryCode(const std::string& code) {
+void ZBIAPManager::updateCountryCode(const std::optional<std::string>& code) {
+  if (!code || code->empty()) return;
   Lock lock(mutex_);
-  if (code.empty() || appStoreCountry_ == code) return;
-  ZBIAP_LOG(logger_, "Updating the store's country to '{}'.", code);
+  if (appStoreCountry_ == code) return;
+  ZBIAP_LOG(logger_, "Updating the store's country to '{}'.", *code);
   appStoreCountry_ = code;
   if (isReady()) queryDynamicProductInfos();
 }
 
-void ZBIAPManager::store(ZBIAPStore& store, const std::string& countryCode) {
+void ZBIAPManager::store(ZBIAPStore& store, const std::optional<std::string>& countryCode) {
   runOnMainThread(
       [self = shared_from_this(), countryCode] { self->updateCountryCode(countryCode); });
 }

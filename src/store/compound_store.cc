@@ -230,9 +230,13 @@ void ZBIAPCompoundStore::restoreCompoundPurchasesWithCompletion(
 
 // ---- Reports of the held stores --------------------------------------------------------------
 
-void ZBIAPCompoundStore::store(ZBIAPStore& store, const std::string& countryCode) {
+void ZBIAPCompoundStore::store(ZBIAPStore& store, const std::optional<std::string>& countryCode) {
   std::lock_guard lock(lock_);
-  countryCodeMap_[&store] = countryCode;
+  if (countryCode) {
+    countryCodeMap_[&store] = *countryCode;
+  } else {
+    countryCodeMap_.erase(&store);
+  }
   if (countryCodeMap_.size() != stores_.size() || stores_.empty()) return;
   auto first = countryCodeMap_.find(stores_.front().get());
   if (first == countryCodeMap_.end()) return;

@@ -158,7 +158,7 @@ void ZBIAPStoreMorvane::queryStoreCountryWithProductIdentifier(const std::string
                                                                CountryCompletion completion) {
   (void)productIdentifier;
   if (std::shared_ptr<ZBIAPStoreDelegate> delegate = storeDelegate()) {
-    delegate->store(*this, kCountryCode);
+    delegate->store(*this, std::string(kCountryCode));
   }
   if (completion) completion(std::string(kCountryCode), nullptr);
 }

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "tests/manager/manager_fixture.h"
+#include "zbiap/support/memory_logger.h"
 
 namespace zbiap::testing {
 namespace {
@@ -16,6 +17,30 @@ class StartupTest : public ManagerTest {
   const std::vector<Dictionary> twoProducts_ = {productDictionary("com.example.a", "A"),
                                                 productDictionary("com.example.b", "B")};
 };
+
+// The store learns it is the delegate and manager before the saved catalogue returns: a country
+// reported at once is heard before the restore's outcome, and the manager it is given holds no
+// catalogue yet.
+TEST_F(StartupTest, StoreIsAttachedBeforeTheCatalogueIsRestored) {
+  store_->onDelegateSet = [this] { store_->tellDelegateCountry("FR"); };
+  makeManager();
+  commit();
+  const std::string log = ZBIAPMemoryLogger::combinedLogString();
+  const size_t country = log.find("Updating the store's country to 'FR'.");
+  ASSERT_NE(country, std::string::npos);
+  EXPECT_LT(country, log.find("Failed to load Dynamic Product Infos!"));
+}
+
+TEST_F(StartupTest, StoreGivenTheManagerSeesNoSavedCatalogueYet) {
+  saveCatalogue(twoProducts_);
+  size_t productsSeen = 99;
+  store_->onManagerSet = [&] { productsSeen = store_->manager()->dynamicProductInfos().size(); };
+  auto manager = makeManager();
+  commit();
+  store_->onManagerSet = nullptr;
+  EXPECT_EQ(productsSeen, 0u);
+  EXPECT_EQ(manager->dynamicProductInfos().size(), 2u);
+}
 
 TEST_F(StartupTest, WithoutSavedCatalogueTheBundleMakesItReadyAtOnce) {
   fetcher_->setBundle(FakeFetcher::succeed(makeResponse(twoProducts_)));

@@ -67,8 +67,8 @@ class Recorder final : public ZBIAPStoreDelegate {
   std::vector<std::string> countries;
   std::vector<size_t> purchaseCounts;
   std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const override { return {}; }
-  void store(ZBIAPStore&, const std::string& code) override {
-    countries.push_back(code);
+  void store(ZBIAPStore&, const std::optional<std::string>& code) override {
+    countries.push_back(code.value_or("(none)"));
     // As the manager does: a country starts a catalogue query, whose request body lists the
     // purchases. The notice comes with the compound's lock held; the read must not deadlock.
     if (compound) purchasesAtCountry.push_back(compound->inAppPurchases().size());
@@ -347,6 +347,12 @@ TEST_F(CompoundStoreTest, CountryIsPassedUpOnlyOnceEveryStoreReported) {
   compound_->store(*first_, "AT");
   EXPECT_EQ(recorder_->countries, (std::vector<std::string>{"DE", "DE", "AT"}));
   EXPECT_EQ(recorder_->purchasesAtCountry.size(), 3u);
+  // A store that no longer knows its country leaves the map: nothing goes up until it reports.
+  compound_->store(*second_, std::nullopt);
+  compound_->store(*first_, "CH");
+  EXPECT_EQ(recorder_->countries.size(), 3u);
+  compound_->store(*second_, "US");
+  EXPECT_EQ(recorder_->countries.back(), "CH");
 }
 
 TEST(CompoundStoreThreadsTest, ConcurrentAnswersCompleteExactlyOnce) {

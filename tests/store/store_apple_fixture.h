@@ -27,8 +27,8 @@ inline constexpr char kYearly[] = "com.example.app.pro.yearly";
 
 class RecordingStoreDelegate final : public ZBIAPStoreDelegate {
  public:
-  void store(ZBIAPStore&, const std::string& countryCode) override {
-    countryCodes.push_back(countryCode);
+  void store(ZBIAPStore&, const std::optional<std::string>& countryCode) override {
+    countryCodes.push_back(countryCode.value_or("(none)"));
   }
   void storeDidUpdateInformations(ZBIAPStore& store) override {
     ++updates;

@@ -77,8 +77,8 @@ class HostDelegate final : public ZBIAPStoreMorvaneDelegate {
 class StoreDelegateRecorder final : public ZBIAPStoreDelegate {
  public:
   std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const override { return {}; }
-  void store(ZBIAPStore&, const std::string& countryCode) override {
-    countries.push_back(countryCode);
+  void store(ZBIAPStore&, const std::optional<std::string>& countryCode) override {
+    countries.push_back(countryCode.value_or("(none)"));
   }
   void storeDidUpdateInformations(ZBIAPStore&) override {
     ++updates;

@@ -120,8 +120,9 @@ class ZBIAPManager final : public ZBIAPStoreDelegate,
   zbiap::ObserverList<bool>& queryingObservers() { return queryingObservers_; }
 
   // Takes a new country code: a non-empty code that differs from the current one is kept and,
-  // once the manager is ready, starts a catalogue query. Main queue.
-  void updateCountryCode(const std::string& code);
+  // once the manager is ready, starts a catalogue query; nullopt or empty changes nothing. Main
+  // queue.
+  void updateCountryCode(const std::optional<std::string>& code);
   // Merges a fetched catalogue (null is ignored). Main queue.
   void updateDynamicProductInfosWithResponse(
       const std::shared_ptr<ZBIAPProductInfoResponse>& response);
@@ -131,7 +132,7 @@ class ZBIAPManager final : public ZBIAPStoreDelegate,
   static void runOnMainThread(std::function<void()> block);
 
   // ZBIAPStoreDelegate; any thread.
-  void store(ZBIAPStore& store, const std::string& countryCode) override;
+  void store(ZBIAPStore& store, const std::optional<std::string>& countryCode) override;
   void storeDidUpdateInformations(ZBIAPStore& store) override;
 
   // zbiap::ProductInfoFetcherOwner.

@@ -92,7 +92,7 @@ class ZBIAPCompoundStore final : public ZBIAPStore,
 
   // ZBIAPStoreDelegate, called by the held stores on any thread. The country is passed up,
   // as the first store's, once every store has reported one.
-  void store(ZBIAPStore& store, const std::string& countryCode) override;
+  void store(ZBIAPStore& store, const std::optional<std::string>& countryCode) override;
   void storeDidUpdateInformations(ZBIAPStore& store) override;
 
  private:

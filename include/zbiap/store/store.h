@@ -53,7 +53,8 @@ enum ZBIAPStoreRestoreResult : int64_t {
 class ZBIAPStoreDelegate : public ZBIAPReceiptProvider {
  public:
   // store:didDetermineCountryCode: the store learned its storefront country for the first time.
-  virtual void store(ZBIAPStore& store, const std::string& countryCode) = 0;
+  // nullopt: the store no longer knows its country (a compound store then forgets that store's).
+  virtual void store(ZBIAPStore& store, const std::optional<std::string>& countryCode) = 0;
   // The store's inAppPurchases, originalPurchaseDate or originalPurchaseVersion changed.
   virtual void storeDidUpdateInformations(ZBIAPStore& store) = 0;
 };
