@@ -247,8 +247,13 @@ std::optional<std::string> FakeStore::originalPurchaseVersion() const {
 }
 
 std::vector<ZBIAPReceiptIAPPtr> FakeStore::inAppPurchases() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return purchases_;
+  std::vector<ZBIAPReceiptIAPPtr> purchases;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    purchases = purchases_;
+  }
+  if (onPurchasesRead) std::exchange(onPurchasesRead, nullptr)();
+  return purchases;
 }
 
 }  // namespace zbiap::testing

@@ -74,6 +74,9 @@ class FakeStore final : public ZBIAPStore, public std::enable_shared_from_this<F
   // that reports or reads at once would.
   std::function<void()> onDelegateSet;
   std::function<void()> onManagerSet;
+  // Run once, inside the next read of inAppPurchases(), after the list to return was taken: a
+  // test replays there what another thread did between the read and its use.
+  mutable std::function<void()> onPurchasesRead;
 
   // ZBIAPStore. Purchases, restores and refreshes succeed at once.
   bool canPurchaseProduct(const ZBIAPStoreProductPtr& product) override;

@@ -3,6 +3,7 @@
 #include <set>
 #include <utility>
 
+#include "foundation/object_lists.h"
 #include "manager/manager_internal.h"
 #include "zbiap/manager/manager.h"
 #include "zbiap/platform/notification_center.h"
@@ -15,18 +16,6 @@ using Lock = std::lock_guard<std::recursive_mutex>;
 
 constexpr char kMissingIdentifierMessage[] =
     "Found a Dynamic Product Info without an identifier: {}";
-
-bool samePurchases(const std::optional<std::vector<ZBIAPReceiptIAPPtr>>& current,
-                   const std::vector<ZBIAPReceiptIAPPtr>& other) {
-  if (!current || current->size() != other.size()) return false;
-  for (size_t i = 0; i < other.size(); ++i) {
-    const ZBIAPReceiptIAPPtr& a = (*current)[i];
-    const ZBIAPReceiptIAPPtr& b = other[i];
-    if (a == b) continue;
-    if (!a || !b || !a->isEqual(*b)) return false;
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -58,11 +47,11 @@ void ZBIAPManager::updateDynamicProductInfosWithResponse(
     }
   }
 
-  if (zbiap::manager_internal::sameProductInfos(dynamicProductInfos_, infos)) {
+  if (zbiap::sameObjects(dynamicProductInfos_, infos)) {
     ZBIAP_LOG(logger_, "Successfully queried Dynamic Product Infos: no change.");
     return;
   }
-  ZBIAP_LOG(logger_, "Successfully queried Dynamic Product Infos: {}", describe(infos));
+  ZBIAP_LOG(logger_, "Successfully queried Dynamic Product Infos: {}", zbiap::describeObjects(infos));
   dynamicProductInfos_ = std::move(infos);
   locked_saveProductInfos();
   if (isReady()) {
@@ -145,7 +134,7 @@ void ZBIAPManager::updateStoreProducts(const std::vector<ZBIAPStoreProductPtr>& 
   if (!storeProductMap_) storeProductMap_.emplace();
   for (auto& [identifier, product] : received) (*storeProductMap_)[identifier] = product;
 
-  if (zbiap::manager_internal::sameProductInfos(dynamicProductInfosWithStoreProducts_, attached)) {
+  if (zbiap::sameObjects(dynamicProductInfosWithStoreProducts_, attached)) {
     return;
   }
   dynamicProductInfosWithStoreProducts_ = std::move(attached);
@@ -194,40 +183,46 @@ void ZBIAPManager::refreshDynamicProductInfosWithCompletion(Completion completio
 }
 
 void ZBIAPManager::storeDidUpdateInformations(ZBIAPStore& store) {
+  // The change test runs on the store's thread, with the lock held only to read the fields;
+  // a date or version that became nil is not a change by itself. After each locked write the
+  // store is read again, and the test repeats until two reads agree: when two notices of one
+  // store race, the one that read the older list may write last, and the next round puts the
+  // store's current list back.
   std::vector<ZBIAPReceiptIAPPtr> purchases = store.inAppPurchases();
   std::optional<zbiap::Date> date = store.originalPurchaseDate();
   std::optional<std::string> version = store.originalPurchaseVersion();
-
-  // The test runs on the store's thread without holding the lock across it (each field is read
-  // on its own); a date or version that became nil is not a change by itself.
-  bool changed;
-  {
-    std::optional<std::vector<ZBIAPReceiptIAPPtr>> current;
-    std::optional<zbiap::Date> cachedDate;
-    std::optional<std::string> cachedVersion;
+  bool changedAny = false;
+  for (;;) {
+    bool changed;
     {
       Lock lock(mutex_);
-      current = inAppPurchases_;
-      cachedDate = cachedOriginalPurchaseDate_;
-      cachedVersion = cachedOriginalPurchaseVersion_;
+      if (!zbiap::sameObjects(inAppPurchases_, purchases)) {
+        changed = true;
+      } else if (date && date != cachedOriginalPurchaseDate_) {
+        changed = true;
+      } else {
+        changed = version && version != cachedOriginalPurchaseVersion_;
+      }
     }
-    if (!samePurchases(current, purchases)) {
-      changed = true;
-    } else if (date && date != cachedDate) {
-      changed = true;
-    } else if (!version) {
-      changed = false;
-    } else {
-      changed = version != cachedVersion;
+    if (!changed) break;
+    {
+      Lock lock(mutex_);
+      inAppPurchases_ = purchases;
+      cachedOriginalPurchaseDate_ = date;
+      cachedOriginalPurchaseVersion_ = version;
     }
+    changedAny = true;
+    std::vector<ZBIAPReceiptIAPPtr> nextPurchases = store.inAppPurchases();
+    std::optional<zbiap::Date> nextDate = store.originalPurchaseDate();
+    std::optional<std::string> nextVersion = store.originalPurchaseVersion();
+    if (zbiap::sameObjects(nextPurchases, purchases) && nextDate == date && nextVersion == version) {
+      break;
+    }
+    purchases = std::move(nextPurchases);
+    date = std::move(nextDate);
+    version = std::move(nextVersion);
   }
-  if (!changed) return;
-  {
-    Lock lock(mutex_);
-    inAppPurchases_ = std::move(purchases);
-    cachedOriginalPurchaseDate_ = date;
-    cachedOriginalPurchaseVersion_ = std::move(version);
-  }
+  if (!changedAny) return;
   runOnMainThread([self = shared_from_this()] {
     zbiap::NotificationCenter::defaultCenter().post(ZBIAPManagerStoreDidUpdateNotification,
                                                     self.get());

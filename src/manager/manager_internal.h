@@ -18,13 +18,7 @@ inline constexpr char kBaselineFeatureMetadataKey[] = "ZBIAPBaselineFeatureMetad
 
 // The error's description, "(null)" for none, as a log line shows a nil object.
 std::string describe(const ZBIAPErrorPtr& error);
-// "(\n    a,\n    b\n)", the text of an array in a log line.
-std::string describe(const ZBIAPManager::ProductInfos& dpis);
 std::string describe(const ZBIAPManager::ProductInfoPtr& dpi);
-
-// Element by element with the DPIs' own equality; nullopt on either side is never equal.
-bool sameProductInfos(const std::optional<ZBIAPManager::ProductInfos>& current,
-                      const ZBIAPManager::ProductInfos& other);
 
 }  // namespace zbiap::manager_internal
 

@@ -46,6 +46,16 @@ void HttpRequest::setHeader(std::string_view name, std::string_view value) {
   headers.emplace_back(std::string(name), std::string(value));
 }
 
+void HttpRequest::addHeaderValue(std::string_view name, std::string_view value) {
+  for (auto& field : headers) {
+    if (!equalsIgnoringCase(field.first, name)) continue;
+    field.second += ", ";
+    field.second += value;
+    return;
+  }
+  headers.emplace_back(std::string(name), std::string(value));
+}
+
 std::shared_ptr<HttpClient> HttpClient::shared() {
   std::lock_guard lock(sharedMutex());
   if (installedClient()) return installedClient();

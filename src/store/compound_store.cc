@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "foundation/object_lists.h"
+
 namespace {
 
 // One fanned-out call: its own lock, the number of answers so far and the joined result. The
@@ -27,17 +29,10 @@ std::shared_ptr<ZBIAPCompoundStore> ZBIAPCompoundStore::initWithStores(
   stores.erase(std::remove(stores.begin(), stores.end(), nullptr), stores.end());
   std::shared_ptr<ZBIAPCompoundStore> compound(new ZBIAPCompoundStore(std::move(stores)));
   std::weak_ptr<ZBIAPStoreDelegate> self = compound;
-  // The stores are asked outside the lock, so that no store's lock is ever taken inside it.
-  std::map<const ZBIAPStore*, std::vector<ZBIAPReceiptIAPPtr>> lists;
   for (const std::shared_ptr<ZBIAPStore>& store : compound->stores_) {
     store->setStoreDelegate(self);
-    lists[store.get()] = store->inAppPurchases();
+    compound->private_recordPurchasesOf(*store);
   }
-  std::lock_guard lock(compound->lock_);
-  compound->iapMap_ = std::move(lists);
-  std::vector<ZBIAPReceiptIAPPtr> combined = compound->private_combineIAPs();
-  std::lock_guard property(compound->purchasesMutex_);
-  compound->inAppPurchases_ = std::move(combined);
   return compound;
 }
 
@@ -246,16 +241,28 @@ void ZBIAPCompoundStore::store(ZBIAPStore& store, const std::optional<std::strin
   }
 }
 
-void ZBIAPCompoundStore::storeDidUpdateInformations(ZBIAPStore& store) {
-  // Read before taking the lock: a store's own lock is never taken inside the compound's.
+void ZBIAPCompoundStore::private_recordPurchasesOf(ZBIAPStore& store) {
+  // The store is read outside the lock, so that no store's lock is ever taken inside the
+  // compound's, and read again after each write until two reads agree: of two notices racing
+  // on two threads, the one holding the older list may write last, and the next round puts
+  // the store's current list back.
   std::vector<ZBIAPReceiptIAPPtr> purchases = store.inAppPurchases();
-  {
-    std::lock_guard lock(lock_);
-    iapMap_[&store] = std::move(purchases);
-    std::vector<ZBIAPReceiptIAPPtr> combined = private_combineIAPs();
-    std::lock_guard property(purchasesMutex_);
-    inAppPurchases_ = std::move(combined);
+  for (;;) {
+    {
+      std::lock_guard lock(lock_);
+      iapMap_[&store] = purchases;
+      std::vector<ZBIAPReceiptIAPPtr> combined = private_combineIAPs();
+      std::lock_guard property(purchasesMutex_);
+      inAppPurchases_ = std::move(combined);
+    }
+    std::vector<ZBIAPReceiptIAPPtr> again = store.inAppPurchases();
+    if (zbiap::sameObjects(again, purchases)) return;
+    purchases = std::move(again);
   }
+}
+
+void ZBIAPCompoundStore::storeDidUpdateInformations(ZBIAPStore& store) {
+  private_recordPurchasesOf(store);
   if (std::shared_ptr<ZBIAPStoreDelegate> delegate = storeDelegate()) {
     delegate->storeDidUpdateInformations(*this);
   }

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "foundation/object_lists.h"
 #include "zbiap/platform/platform.h"
 #include "zbiap/store/store_apple.h"
 #include "zbiap/storekit/sk_error.h"
@@ -17,12 +18,6 @@ std::optional<std::filesystem::path> appStoreReceiptURL() {
   std::filesystem::path url = zbiap::Platform::current().mainBundle().appStoreReceiptURL();
   if (url.empty()) return std::nullopt;
   return url;
-}
-
-bool samePurchases(const std::vector<ZBIAPReceiptIAPPtr>& a,
-                   const std::vector<ZBIAPReceiptIAPPtr>& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](const auto& x, const auto& y) { return *x == *y; });
 }
 
 }  // namespace
@@ -51,7 +46,7 @@ bool ZBIAPStoreApple::locked_readReceipt() {
 
   bool changed = false;
   std::vector<ZBIAPReceiptIAPPtr> purchases = receiptParser_->inAppPurchases();
-  if (!samePurchases(inAppPurchases_, purchases)) {
+  if (!zbiap::sameObjects(inAppPurchases_, purchases)) {
     inAppPurchases_ = std::move(purchases);
     changed = true;
   }

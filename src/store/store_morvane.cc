@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "foundation/object_lists.h"
 #include "store/store_morvane_body.h"
 #include "zbiap/platform/http_client.h"
 #include "zbiap/platform/platform.h"
@@ -40,28 +41,6 @@ std::string appendPathComponent(std::string_view base, std::string_view componen
   url += component;
   url += rest;
   return url;
-}
-
-bool samePurchases(const std::vector<ZBIAPReceiptIAPPtr>& a,
-                   const std::vector<ZBIAPReceiptIAPPtr>& b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (a[i] == b[i]) continue;
-    if (!a[i] || !b[i] || !a[i]->isEqual(*b[i])) return false;
-  }
-  return true;
-}
-
-// The list as NSArray describes it: one element per indented line inside parentheses.
-std::string describePurchases(const std::vector<ZBIAPReceiptIAPPtr>& purchases) {
-  std::string text = "(\n";
-  for (size_t i = 0; i < purchases.size(); ++i) {
-    text += "    ";
-    text += purchases[i] ? purchases[i]->description() : std::string("<null>");
-    text += i + 1 < purchases.size() ? ",\n" : "\n";
-  }
-  text += ")";
-  return text;
 }
 
 }  // namespace
@@ -103,12 +82,13 @@ void ZBIAPStoreMorvane::setMorvaneStoreDelegate(std::weak_ptr<ZBIAPStoreMorvaneD
     morvaneStoreDelegate_ = std::move(delegate);
   }
   if (!hasDelegate) return;
-  bool empty;
+  uint64_t generation;
   {
     Lock lock(lock_);
-    empty = !inAppPurchases_ || inAppPurchases_->empty();
+    if (inAppPurchases_ && !inAppPurchases_->empty()) return;
+    generation = listGeneration_;
   }
-  if (empty) private_readIAPs();
+  private_readIAPs(generation);
 }
 
 std::shared_ptr<ZBIAPStoreDelegate> ZBIAPStoreMorvane::storeDelegate() const {
@@ -193,6 +173,7 @@ void ZBIAPStoreMorvane::discardInAppPurchases() {
     hadPurchases = inAppPurchases_ && !inAppPurchases_->empty();
     if (hadPurchases) {
       inAppPurchases_.emplace();
+      ++listGeneration_;
       private_saveIAPs();
     }
   }
@@ -243,7 +224,7 @@ void ZBIAPStoreMorvane::private_getIAPsWithAddtionalHeaders(const ZBIAPStoreMorv
   zbiap::HttpRequest request;
   request.url = productsURL();
   request.headers.emplace_back("Accept", "application/json");
-  for (const auto& header : headers) request.headers.push_back(header);
+  for (const auto& [name, value] : headers) request.addHeaderValue(name, value);
 
   urlSession_->send(
       std::move(request),
@@ -289,20 +270,21 @@ void ZBIAPStoreMorvane::private_getIAPsWithData(std::string_view data,
   bool changed;
   {
     Lock lock(lock_);
-    bool listChanged = !inAppPurchases_ || !samePurchases(*inAppPurchases_, body->inAppPurchases);
+    bool listChanged = !zbiap::sameObjects(inAppPurchases_, body->inAppPurchases);
     changed = listChanged || isExistingCustomer_ != body->isExistingCustomer;
     isExistingCustomer_ = body->isExistingCustomer;
     inAppPurchases_ = body->inAppPurchases;
+    ++listGeneration_;
     if (changed) private_saveIAPs();
   }
   if (changed) {
-    ZBIAP_LOG(logger_, "Got products (did change): {}", describePurchases(body->inAppPurchases));
+    ZBIAP_LOG(logger_, "Got products (did change): {}", zbiap::describeObjects(body->inAppPurchases));
     if (std::shared_ptr<ZBIAPStoreDelegate> delegate = storeDelegate()) {
       delegate->storeDidUpdateInformations(*this);
     }
     if (completion) completion(ZBIAPStoreRestoreResultChanged, nullptr);
   } else if (completion) {
-    ZBIAP_LOG(logger_, "Got products (no change): {}", describePurchases(body->inAppPurchases));
+    ZBIAP_LOG(logger_, "Got products (no change): {}", zbiap::describeObjects(body->inAppPurchases));
     completion(ZBIAPStoreRestoreResultUnchanged, nullptr);
   }
 }
@@ -322,7 +304,7 @@ void ZBIAPStoreMorvane::private_saveIAPs() {
   delegate->store(*this, dictionaries);
 }
 
-void ZBIAPStoreMorvane::private_readIAPs() {
+void ZBIAPStoreMorvane::private_readIAPs(uint64_t generation) {
   std::shared_ptr<ZBIAPStoreMorvaneDelegate> delegate = morvaneStoreDelegate();
   if (!delegate) return;
   zbiap::Value saved = delegate->readInAppPurchasesForStore(*this);
@@ -339,7 +321,9 @@ void ZBIAPStoreMorvane::private_readIAPs() {
     }
   }
   Lock lock(lock_);
+  if (listGeneration_ != generation) return;
   inAppPurchases_ = std::move(purchases);
+  ++listGeneration_;
 }
 
 ZBIAPErrorPtr ZBIAPStoreMorvane::private_wrapError(ZBIAPErrorPtr error) {

@@ -243,6 +243,17 @@ TEST_F(CatalogTest, StoreUpdatesArePostedOnlyWhenSomethingChanged) {
   EXPECT_EQ(heardCount(ZBIAPManagerStoreDidUpdateNotification), 2u);
   runUntilIdle();
   EXPECT_EQ(heardCount(ZBIAPManagerStoreDidUpdateNotification), 3u);
+
+  // Two notices race: the first read the older list, and the second ran whole before the
+  // first wrote it. The manager still ends with the store's current list.
+  store_->setInAppPurchases({purchase("old", true)});
+  store_->onPurchasesRead = [&] {
+    store_->setInAppPurchases({purchase("new", true)});
+    store_->tellDelegateInformationsChanged();
+  };
+  store_->tellDelegateInformationsChanged();
+  ASSERT_EQ(manager_->inAppPurchases().size(), 1u);
+  EXPECT_EQ(manager_->inAppPurchases()[0]->productIdentifier(), "new");
 }
 
 TEST_F(CatalogTest, CountryChangesFromTheStoreQueryOnlyWhenNew) {
@@ -256,6 +267,7 @@ TEST_F(CatalogTest, CountryChangesFromTheStoreQueryOnlyWhenNew) {
   EXPECT_EQ(fetcher_->fetchCount(), before + 1);
   store_->tellDelegateCountry("FR");
   store_->tellDelegateCountry("");
+  store_->tellDelegateCountry(std::nullopt);
   runUntilIdle();
   EXPECT_EQ(manager_->appStoreCountry(), "FR");
   EXPECT_EQ(fetcher_->fetchCount(), before + 1);

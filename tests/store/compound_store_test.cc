@@ -58,7 +58,13 @@ class ScriptStore final : public ZBIAPStore {
   void setManager(std::weak_ptr<ZBIAPManager> m) override { managerRef = m; }
   std::optional<Date> originalPurchaseDate() const override { return originalDate; }
   std::optional<std::string> originalPurchaseVersion() const override { return "7"; }
-  std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const override { return purchases; }
+  // Run once inside the next read, after the list to return was taken.
+  mutable std::function<void()> onRead;
+  std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const override {
+    std::vector<ZBIAPReceiptIAPPtr> list = purchases;
+    if (onRead) std::exchange(onRead, nullptr)();
+    return list;
+  }
 };
 
 class Recorder final : public ZBIAPStoreDelegate {
@@ -335,6 +341,19 @@ TEST_F(CompoundStoreTest, PurchasesOfAllStoresAreListedInStoreOrder) {
   ids.clear();
   for (const auto& p : compound_->inAppPurchases()) ids.push_back(p->productIdentifier());
   EXPECT_EQ(ids, (std::vector<std::string>{"y", "z", "x"}));
+}
+
+// Two notices of one store race: the first read the older list, and the second ran whole
+// before the first wrote it. The compound still ends with the store's current list.
+TEST_F(CompoundStoreTest, RacingNoticesOfOneStoreLeaveItsLatestList) {
+  first_->purchases = {iap("old")};
+  first_->onRead = [this] {
+    first_->purchases = {iap("new")};
+    compound_->storeDidUpdateInformations(*first_);
+  };
+  compound_->storeDidUpdateInformations(*first_);
+  ASSERT_EQ(compound_->inAppPurchases().size(), 1u);
+  EXPECT_EQ(compound_->inAppPurchases()[0]->productIdentifier(), "new");
 }
 
 TEST_F(CompoundStoreTest, CountryIsPassedUpOnlyOnceEveryStoreReported) {

@@ -62,6 +62,9 @@ struct HttpRequest {
 
   // Replaces every field of that name (any case) with one field at the end of the list.
   void setHeader(std::string_view name, std::string_view value);
+  // Adds `value` to the field of that name (any case), joined with ", " as HTTP lists values,
+  // or appends a new field when there is none.
+  void addHeaderValue(std::string_view name, std::string_view value);
   std::optional<std::string> headerValue(std::string_view name) const {
     return httpHeaderValue(headers, name);
   }

@@ -100,6 +100,8 @@ class ZBIAPCompoundStore final : public ZBIAPStore,
 
   // The caller holds lock_.
   std::vector<ZBIAPReceiptIAPPtr> private_combineIAPs() const;
+  // Keeps `store`'s purchases and the combined list; see the definition for the ordering.
+  void private_recordPurchasesOf(ZBIAPStore& store);
 
   const std::vector<std::shared_ptr<ZBIAPStore>> stores_;
 

@@ -29,7 +29,9 @@ namespace zbiap {
 class HttpClient;
 }
 
-// Header fields to add to a request, in order; several fields of one name are all sent.
+// Header fields to add to a request, in order. A field whose name the request already has (the
+// store's own "Accept", or an earlier field; names compare without case) adds its value to that
+// field, joined with ", ", as HTTP lists values.
 using ZBIAPStoreMorvaneHeaders = std::vector<std::pair<std::string, std::string>>;
 
 // What the host application provides to the account store. Calls come from the thread that
@@ -52,9 +54,12 @@ class ZBIAPStoreMorvaneDelegate {
     return true;
   }
   // store:saveInAppPurchases: keep this list of purchase dictionaries (their dictionary form,
-  // dates as dates) for readInAppPurchasesForStore().
+  // dates as dates) for readInAppPurchasesForStore(). Called with the store's lock held, so
+  // that saves arrive in the order the lists were taken: the store may be read from here, but
+  // do not wait here for another thread that uses the store.
   virtual void store(ZBIAPStoreMorvane& store, const zbiap::Array& inAppPurchases) = 0;
-  // The array last given to store(store, inAppPurchases), or nil when there is none.
+  // The array last given to store(store, inAppPurchases), or nil when there is none. Called
+  // without the store's lock; a list the store received meanwhile wins over the answer.
   virtual zbiap::Value readInAppPurchasesForStore(ZBIAPStoreMorvane& store) = 0;
 };
 
@@ -119,7 +124,8 @@ class ZBIAPStoreMorvane final : public ZBIAPStore,
   void private_getIAPsWithData(std::string_view data, const RestoreCompletion& completion);
   // The caller holds lock_.
   void private_saveIAPs();
-  void private_readIAPs();
+  // Takes the saved list unless the list changed since `generation` was read.
+  void private_readIAPs(uint64_t generation);
   static ZBIAPErrorPtr private_wrapError(ZBIAPErrorPtr error);
 
   const std::string baseURL_;
@@ -138,6 +144,9 @@ class ZBIAPStoreMorvane final : public ZBIAPStore,
   // Null until the saved list is loaded or a query succeeds; null counts as empty.
   std::optional<std::vector<ZBIAPReceiptIAPPtr>> inAppPurchases_;
   bool isExistingCustomer_ = false;
+  // Counts replacements of the list, so that a saved list read without the lock never
+  // overwrites one that a restore or a discard put there meanwhile.
+  uint64_t listGeneration_ = 0;
 };
 
 #endif  // ZBIAP_STORE_STORE_MORVANE_H_
