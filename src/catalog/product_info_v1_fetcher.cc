@@ -208,7 +208,7 @@ void ZBIAPProductInfoV1Fetcher::processResponse(
   };
 
   std::string reason;
-  std::optional<zbiap::Value> parsed = zbiap::parseJSON(bytes, &reason);
+  std::optional<zbiap::Value> parsed = zbiap::parseJSONDocument(bytes, &reason);
   if (!parsed) {
     zbiap::Dictionary info{{zbiap::kNSDebugDescriptionKey, zbiap::Value(reason)}};
     ZBIAPErrorPtr parseError =

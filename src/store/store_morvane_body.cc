@@ -29,7 +29,7 @@ std::optional<AccountProductsBody> refuse(AccountBodyFailure* failure, std::stri
 std::optional<AccountProductsBody> parseAccountProductsBody(std::string_view body,
                                                             AccountBodyFailure* failure) {
   std::string reason;
-  std::optional<Value> parsed = parseJSON(body, &reason);
+  std::optional<Value> parsed = parseJSONDocument(body, &reason);
   if (!parsed) {
     Dictionary info{{kNSDebugDescriptionKey, Value(reason)}};
     ZBIAPErrorPtr error =

@@ -496,6 +496,11 @@ TEST_F(FetcherTest, EnvelopeFaults) {
   std::string nameless = R"({"inactive":false,"title":"T","sort_key":2})";
   const EnvelopeCase cases[] = {
       {"{", "JSON parsing failed.", nullptr},
+      // A bare scalar is no document: refused by the parser, not by the envelope check.
+      {"42", "JSON parsing failed.", nullptr},
+      {R"("text")", "JSON parsing failed.", nullptr},
+      {"null", "JSON parsing failed.", nullptr},
+      {"true", "JSON parsing failed.", nullptr},
       {"[1]", "Top-level JSON object is not a dictionary.", "Response malformed (top-level)."},
       {R"({"feature_groups":[],"products":[]})", "Feature Groups is not a dictionary.",
        "Response malformed (gold)."},
@@ -519,6 +524,8 @@ TEST_F(FetcherTest, EnvelopeFaults) {
     Outcome out = waiter.get();
     ASSERT_FALSE(out.succeeded);
     EXPECT_EQ(internalDescription(out.error), c.message);
+    EXPECT_EQ(out.error->underlyingError() != nullptr,
+              std::string_view(c.message) == "JSON parsing failed.");
     if (c.logLine) {
       EXPECT_GE(logged(c.logLine), 1);
     }

@@ -317,6 +317,7 @@ TEST_F(StoreMorvaneTest, MalformedAnswersFailWholeAndChangeNothing) {
   constexpr char kField[] = "Required product field missing or wrong type.";
   const std::pair<const char*, const char*> cases[] = {
       {R"({"products":[)", "Failed to decode JSON: "},
+      {"42", "Failed to decode JSON: "},
       {R"([{"products":[]}])", "Top-level JSON object is not a dictionary."},
       {R"({})", "Server response does not contains a products list."},
       {R"({"products":{}})", "Server response does not contains a products list."},

@@ -20,6 +20,18 @@ namespace zbiap {
 inline constexpr size_t kMaxJSONDepth = 512;
 
 std::optional<Value> parseJSON(std::string_view text, std::string* error = nullptr);
+// As parseJSON, for readers that take only a document: a top level that is a bare number,
+// string, boolean or null is refused like a syntax error.
+inline std::optional<Value> parseJSONDocument(std::string_view text, std::string* error = nullptr) {
+  std::optional<Value> value = parseJSON(text, error);
+  if (value && value->asArray() == nullptr && value->asDictionary() == nullptr) {
+    if (error) {
+      *error = "JSON text did not start with array or object and option to allow fragments not set.";
+    }
+    return std::nullopt;
+  }
+  return value;
+}
 std::string toJSON(const Value& value);
 
 }  // namespace zbiap
