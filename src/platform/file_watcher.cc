@@ -7,6 +7,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -24,6 +25,10 @@ namespace zbiap {
 struct FileWatch::State {
   uint64_t id = 0;
   int fd = -1;
+  // The watched path and the file it named when the watch began.
+  std::filesystem::path path;
+  dev_t device = 0;
+  ino_t inode = 0;
   std::mutex mu;
   EventHandler eventHandler;
   CancelHandler cancelHandler;
@@ -33,8 +38,17 @@ struct FileWatch::State {
 
 namespace {
 
-constexpr uint32_t kInotifyMask =
-    IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF | IN_DONT_FOLLOW;
+// A symbolic link is followed: the file it names is watched, as opening the path would do.
+constexpr uint32_t kInotifyMask = IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF;
+
+// Whether `path` still names the file the watch began on. A file unlinked or replaced while
+// another link or an open descriptor keeps it alive reports no deletion, only a change of its
+// link count; the path then names another file or none.
+bool pathNamesWatchedFile(const FileWatch::State& state) {
+  struct stat now;
+  if (stat(state.path.c_str(), &now) != 0) return false;
+  return now.st_dev == state.device && now.st_ino == state.inode;
+}
 
 uint32_t eventBits(uint32_t mask) {
   uint32_t bits = 0;
@@ -168,6 +182,10 @@ class Watcher {
       }
     }
     if (bits == 0 || state.cancelled.load()) return;
+    // A rename stays a rename: the watch follows the file to its new name.
+    if ((bits & (kFileEventDelete | kFileEventRename)) == 0 && !pathNamesWatchedFile(state)) {
+      bits |= kFileEventDelete;
+    }
     FileWatch::EventHandler handler;
     {
       std::lock_guard<std::mutex> lock(state.mu);
@@ -225,8 +243,18 @@ std::shared_ptr<FileWatch> FileWatch::open(const std::filesystem::path& path, in
     if (errorNumber) *errorNumber = error;
     return nullptr;
   }
+  struct stat watched;
+  if (stat(path.c_str(), &watched) != 0) {
+    int error = errno;
+    close(fd);
+    if (errorNumber) *errorNumber = error;
+    return nullptr;
+  }
   auto state = std::make_shared<State>();
   state->fd = fd;
+  state->path = path;
+  state->device = watched.st_dev;
+  state->inode = watched.st_ino;
   state->id = Watcher::instance().nextId();
   return std::shared_ptr<FileWatch>(new FileWatch(std::move(state)));
 }

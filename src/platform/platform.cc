@@ -20,6 +20,7 @@ std::mutex& installMutex() {
 std::shared_ptr<Platform>* installed = nullptr;
 std::shared_ptr<Platform>* defaultPlatform = nullptr;
 std::atomic<Platform*> currentPlatform{nullptr};
+std::atomic<uint64_t> installs{0};
 
 std::shared_ptr<Platform>& defaultLocked() {
   if (defaultPlatform == nullptr) {
@@ -50,7 +51,10 @@ std::shared_ptr<Platform> Platform::install(std::shared_ptr<Platform> platform) 
   Platform* now = installed->get();
   if (now == nullptr && currentPlatform.load() != nullptr) now = defaultLocked().get();
   currentPlatform.store(now, std::memory_order_release);
+  installs.fetch_add(1, std::memory_order_release);
   return previous;
 }
+
+uint64_t Platform::installCount() { return installs.load(std::memory_order_acquire); }
 
 }  // namespace zbiap

@@ -1,6 +1,7 @@
 // ZBIAPStoreApple: reading and watching the App Store receipt, and wrapping StoreKit errors.
 #include <algorithm>
 #include <filesystem>
+#include <mutex>
 #include <system_error>
 
 #include "foundation/object_lists.h"
@@ -11,13 +12,22 @@
 
 namespace {
 
-// The receipt URL comes from the platform's main bundle. It is asked at every read rather than
-// kept for the process: the answer is a constant of the bundle, and a test that installs a new
-// platform (with a new bundle) must not see the previous one's.
+// The receipt URL comes from the platform's main bundle, asked once and then kept for the life
+// of the process (a platform without one is asked again at the next read). A newly installed
+// platform, which only tests and tools do, is asked anew.
 std::optional<std::filesystem::path> appStoreReceiptURL() {
-  std::filesystem::path url = zbiap::Platform::current().mainBundle().appStoreReceiptURL();
-  if (url.empty()) return std::nullopt;
-  return url;
+  static std::mutex mutex;
+  static std::optional<std::filesystem::path> kept;
+  static uint64_t keptFor = 0;
+  std::lock_guard lock(mutex);
+  const uint64_t installs = zbiap::Platform::installCount();
+  if (!kept || keptFor != installs) {
+    std::filesystem::path url = zbiap::Platform::current().mainBundle().appStoreReceiptURL();
+    if (url.empty()) return std::nullopt;
+    kept = std::move(url);
+    keptFor = installs;
+  }
+  return kept;
 }
 
 }  // namespace

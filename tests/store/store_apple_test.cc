@@ -293,6 +293,20 @@ TEST_F(StoreAppleTest, RestoreResults) {
   EXPECT_EQ(store->retainCount(), 0u);
 }
 
+// The receipt's location is asked of the bundle once and kept: a bundle that later names
+// another file does not move the store.
+TEST_F(StoreAppleTest, ReceiptLocationIsAskedOnce) {
+  auto store = makeStore();
+  const std::filesystem::path moved = platform_.makeTempDir("moved") / "receipt";
+  platform_.bundle().setAppStoreReceiptURL(moved);
+  simulator_->setReceiptURL(moved);
+  Result bought;
+  store->purchaseProduct(products(*store)[kLifetime], record(bought));
+  platform_.runUntilIdle();
+  ASSERT_TRUE(std::filesystem::exists(moved));
+  EXPECT_TRUE(store->inAppPurchases().empty());
+}
+
 TEST_F(StoreAppleTest, RestoreWithoutCompletionDoesNotBlockAndKeepsItsReference) {
   // This store is kept alive for good by design; its receipts go elsewhere so that it never
   // watches a file of this test after the test ends.

@@ -1,6 +1,9 @@
 // zbiap::FileWatch: one watch on one file, the stand-in for a file-node event source. It follows
 // the file (the inode), not the path: a renamed file keeps being watched under its new name, and
-// a deleted one reports kFileEventDelete and then nothing more.
+// a deleted one reports kFileEventDelete and then nothing more. A symbolic link is followed to
+// the file it names. A file that the path no longer names after a batch of events (unlinked or
+// replaced while another link or an open descriptor keeps it alive) reports kFileEventDelete
+// too; a rename stays a rename.
 //
 // Events are read by one process-wide watcher thread, which stands for the high-priority global
 // queue: the event handler and the cancel handler run there, one at a time, never concurrently

@@ -7,6 +7,7 @@
 #ifndef ZBIAP_PLATFORM_PLATFORM_H_
 #define ZBIAP_PLATFORM_PLATFORM_H_
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -63,6 +64,9 @@ class Platform {
   // Installs `platform` as the process's platform (null restores the default) and returns the
   // previous one. Call it before creating library objects.
   static std::shared_ptr<Platform> install(std::shared_ptr<Platform> platform);
+  // Counts install() calls: what was learnt of one platform for the life of the process (the
+  // receipt's location, say) is asked again when this has moved on.
+  static uint64_t installCount();
 
   virtual MainQueue& mainQueue() = 0;
   // High-priority concurrent queue.
