@@ -76,6 +76,22 @@ TEST_F(StoreAppleReceiptTest, ReceiptChangesSeenByTheMonitorReachTheDelegate) {
   writeReceiptBytes(receipt(3), /*inPlace=*/false);  // same records: no news
   settle();
   EXPECT_EQ(delegate_->updates, 2);
+
+  // Without an original purchase date or version, every read counts as a change, each alone.
+  for (bool withDate : {false, true}) {
+    ReceiptContents c = contents(3);
+    if (withDate) {
+      c.originalAppVersion.reset();
+    } else {
+      c.originalPurchaseDate.reset();
+    }
+    const int before = delegate_->updates;
+    for (int read = 0; read < 2; ++read) {
+      writeReceiptBytes(*writer_->write(c), /*inPlace=*/false);
+      settle();
+    }
+    EXPECT_EQ(delegate_->updates, before + 2) << withDate;
+  }
 }
 
 TEST_F(StoreAppleReceiptTest, UnreadableReceiptsLeaveTheRecordsInPlace) {

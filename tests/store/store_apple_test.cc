@@ -64,6 +64,29 @@ TEST_F(StoreAppleTest, CountryIsLearnedOnceAndThenAnsweredAtOnce) {
   EXPECT_EQ(delegate_->countryCodes.size(), 1u);
 }
 
+// StoreKit may answer a products request with neither products nor invalid identifiers.
+class EmptyProductsBinding final : public StoreKitBinding {
+ public:
+  explicit EmptyProductsBinding(std::shared_ptr<StoreKitBinding> inner) : inner_(std::move(inner)) {}
+  std::shared_ptr<SKPaymentQueue> defaultQueue() override { return inner_->defaultQueue(); }
+  bool canMakePayments() override { return inner_->canMakePayments(); }
+  void startProductsRequest(std::shared_ptr<SKProductsRequest> request) override {
+    Platform::current().mainQueue().post([request] {
+      auto delegate = std::dynamic_pointer_cast<SKProductsRequestDelegate>(request->delegate());
+      if (!delegate) return;
+      delegate->productsRequest(request, std::make_shared<SKProductsResponse>(
+                                             std::vector<SKProductPtr>{}, std::vector<std::string>{}));
+      delegate->requestDidFinish(request);
+    });
+  }
+  void startReceiptRefreshRequest(std::shared_ptr<SKReceiptRefreshRequest> request) override {
+    inner_->startReceiptRefreshRequest(std::move(request));
+  }
+
+ private:
+  std::shared_ptr<StoreKitBinding> inner_;
+};
+
 TEST_F(StoreAppleTest, CountryQueryFailures) {
   auto store = makeStore();
   ZBIAPErrorPtr immediate;
@@ -90,6 +113,15 @@ TEST_F(StoreAppleTest, CountryQueryFailures) {
   expectStoreError(failed, ZBIAPStoreErrorOther);
   ASSERT_NE(failed->underlyingError(), nullptr);
   EXPECT_EQ(failed->underlyingError()->domain(), SKErrorDomain);
+  EXPECT_EQ(store->retainCount(), 0u);
+
+  // An answer with neither products nor invalid identifiers calls nothing back.
+  StoreKitBinding::install(std::make_shared<EmptyProductsBinding>(simulator_));
+  bool called = false;
+  store->queryStoreCountryWithProductIdentifier(kLifetime, [&](auto, auto) { called = true; });
+  platform_.runUntilIdle();
+  EXPECT_FALSE(called);
+  EXPECT_TRUE(delegate_->countryCodes.empty());
   EXPECT_EQ(store->retainCount(), 0u);
 }
 
