@@ -279,11 +279,11 @@ int runDemo(const DemoOptions& options, DemoOutput& out) {
   for (auto [path, target] : {std::pair{&options.storeKitFile, &setup.storeKitConfiguration},
                               std::pair{&options.catalogFile, &setup.catalog}}) {
     if (path->empty()) continue;
-    std::optional<std::string> bytes = readInput(*path);
+    std::string error;
+    std::optional<std::string> bytes = readInput(*path, &error);
     if (!bytes) {
-      out.event("error",
-                Dictionary{{"step", Value("setup")}, {"message", Value("cannot read " + *path)}},
-                "zbiap demo: cannot read " + *path);
+      out.event("error", Dictionary{{"step", Value("setup")}, {"message", Value(error)}},
+                "zbiap demo: " + error);
       return 1;
     }
     *target = std::move(*bytes);
