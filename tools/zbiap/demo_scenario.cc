@@ -194,10 +194,12 @@ class DemoRun {
     return lacking;
   }
 
-  // Why the manager has no catalogue to sell from: the fetcher's error, which asking once more
-  // brings, or a catalogue without active products.
+  // Why the manager has nothing to sell when the store lacks none of its products: the
+  // fetcher's error, which asking once more brings, or a catalogue without products to sell.
   std::string whyNoCatalogue() {
-    if (!manager_.dynamicProductInfos().empty()) return "the catalogue has no active product";
+    if (!manager_.dynamicProductInfos().empty()) {
+      return "the catalogue has no active product that the store sells";
+    }
     bool answered = false;
     ZBIAPErrorPtr error;
     manager_.refreshDynamicProductInfosWithCompletion([&](ZBIAPErrorPtr e) {

@@ -85,7 +85,8 @@ size_t escapeLength(std::string_view line, size_t at) {
 
 // `line` made exactly the card's width in terminal columns: cut with an ellipsis when it is
 // wider, then padded with spaces. Escape sequences take no column and are all kept, so that the
-// colours after a cut stay as they were.
+// colours after a cut stay as they were; other control characters (a line break in a catalogue
+// text) are left out.
 std::string fitted(std::string_view line) {
   size_t total = 0;
   for (size_t i = 0; i < line.size();) {
@@ -110,6 +111,7 @@ std::string fitted(std::string_view line) {
     const size_t start = i;
     UChar32 c;
     U8_NEXT(line.data(), i, line.size(), c);
+    if (c >= 0 && u_charType(c) == U_CONTROL_CHAR) continue;
     if (cut || used + columns(c) > room) {
       if (!cut) out += "\u2026";
       used += cut ? 0 : 1;
