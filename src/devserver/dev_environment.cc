@@ -71,6 +71,26 @@ class AccountHost final : public ZBIAPStoreMorvaneDelegate {
   Value saved_;
 };
 
+// A product both the catalogue and the StoreKit configuration know, a non-consumable when there
+// is one (a purchase of it stays in the receipt), else the configuration's first; empty when
+// the configuration has no products.
+std::string chooseCountryProduct(const Value& catalog, const StoreKitConfiguration& configuration) {
+  using Type = StoreKitConfiguration::ProductType;
+  const StoreKitConfiguration::Product* chosen = nullptr;
+  if (const Array* products = catalog["products"].asArray()) {
+    for (const Value& entry : *products) {
+      const std::string* id = entry["identifier"].asString();
+      const auto* product = id ? configuration.productWithID(*id) : nullptr;
+      if (product && (!chosen || (chosen->type != Type::kNonConsumable &&
+                                  product->type == Type::kNonConsumable))) {
+        chosen = product;
+      }
+    }
+  }
+  if (!chosen && !configuration.products.empty()) chosen = &configuration.products.front();
+  return chosen ? chosen->productID : std::string();
+}
+
 bool writeFile(const fs::path& path, std::string_view bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -81,6 +101,7 @@ bool writeFile(const fs::path& path, std::string_view bytes) {
 
 struct DevEnvironment::State {
   Options options;
+  std::vector<std::string> warnings;
   fs::path home;
   fs::path bundle;
   std::shared_ptr<DevPlatform> platform;
@@ -134,13 +155,19 @@ std::unique_ptr<DevEnvironment> DevEnvironment::create(Options options, std::str
     options.storeKitConfiguration = embeddedExampleStoreKit();
   }
   if (options.catalog.empty()) options.catalog = embeddedExampleCatalog();
-  s.options = options;
 
   std::string reason;
   std::optional<StoreKitConfiguration> configuration =
       StoreKitConfiguration::fromJSON(options.storeKitConfiguration, &reason);
   if (!configuration) return fail("the StoreKit configuration: " + reason);
-  if (!parseJSON(options.catalog, &reason)) return fail("the catalogue is not JSON: " + reason);
+  if (configuration->products.empty()) return fail("the StoreKit configuration has no products");
+  std::optional<Value> catalog = parseJSON(options.catalog, &reason);
+  if (!catalog) return fail("the catalogue is not JSON: " + reason);
+  if (options.countryProduct.empty()) {
+    options.countryProduct = chooseCountryProduct(*catalog, *configuration);
+  }
+  s.options = options;
+  s.warnings = configuration->warnings();
 
   // The app home: bundle (Info.json, the bundled catalogue, the receipt) and user defaults.
   std::string pattern = (fs::temp_directory_path() / "zbiap-dev-XXXXXX").string();
@@ -207,6 +234,7 @@ fs::path DevEnvironment::receiptPath() const {
   return state_->platform->mainBundle().appStoreReceiptURL();
 }
 const DevEnvironment::Options& DevEnvironment::options() const { return state_->options; }
+const std::vector<std::string>& DevEnvironment::warnings() const { return state_->warnings; }
 StoreKitSimulator& DevEnvironment::simulator() { return *state_->simulator; }
 CatalogServer& DevEnvironment::catalogServer() { return *state_->catalogServer; }
 AccountServer& DevEnvironment::accountServer() { return *state_->accountServer; }

@@ -1,6 +1,9 @@
 #include "zbiap/storekit/storekit_configuration.h"
 
+#include <algorithm>
 #include <fstream>
+#include <initializer_list>
+#include <set>
 #include <sstream>
 #include <utility>
 
@@ -13,9 +16,57 @@ namespace {
 using Product = StoreKitConfiguration::Product;
 using Offer = StoreKitConfiguration::Offer;
 
+// Keys that describe the file or link its records to the developer's account, and set nothing a
+// store does: read, and silently left alone.
+constexpr std::string_view kBookkeeping[] = {
+    "identifier",
+    "internalID",
+    "referenceName",
+    "version",
+    "_applicationInternalID",
+    "_developerTeamID",
+    "_lastSynchronizedDate",
+};
+
+template <typename Keys>
+bool listed(const Keys& keys, std::string_view key) {
+  return std::ranges::find(keys, key) != std::ranges::end(keys);
+}
+
+// Whether a value sets something: not null, false, zero or empty, and for an entry with an
+// "enabled" switch, switched on. A localization's locale alone sets nothing.
+bool setsSomething(const Value& value) {
+  if (const std::string* text = value.asString()) return !text->empty();
+  if (value.isNumber()) return value.boolValue().value_or(false);
+  if (const Array* items = value.asArray()) {
+    return std::any_of(items->begin(), items->end(), setsSomething);
+  }
+  if (const Dictionary* members = value.asDictionary()) {
+    if (const Value* enabled = members->find("enabled")) return setsSomething(*enabled);
+    return std::any_of(members->begin(), members->end(), [](const Dictionary::Entry& member) {
+      return member.first != "locale" && setsSomething(member.second);
+    });
+  }
+  return false;
+}
+
 class Reader {
  public:
   explicit Reader(std::string* error) : error_(error) {}
+
+  // Notes the keys of `object` that set something the reader does not take (`used`), as
+  // `where` + key: "settings._storeKitErrors".
+  void noteIgnored(const Value& object, const std::string& where,
+                   std::initializer_list<std::string_view> used) {
+    const Dictionary* members = object.asDictionary();
+    if (members == nullptr) return;
+    for (const auto& [key, value] : *members) {
+      if (!listed(used, key) && !listed(kBookkeeping, key) && setsSomething(value)) {
+        ignored_.insert(where + key);
+      }
+    }
+  }
+  std::vector<std::string> ignored() const { return {ignored_.begin(), ignored_.end()}; }
 
   bool fail(std::string reason) {
     if (error_ && ok_) *error_ = std::move(reason);
@@ -48,14 +99,20 @@ class Reader {
     if (const Array* items = value.asArray()) {
       for (const Value& item : *items) {
         if (!item.isDictionary()) continue;
+        noteIgnored(item, "localizations[].", {"locale", "displayName", "description"});
         out.push_back({text(item["locale"]), text(item["displayName"]), text(item["description"])});
       }
     }
     return out;
   }
 
-  std::optional<Offer> offer(const Value& value, const std::string& where) {
+  // An introductory or promotional offer; `kind` names its list in ignored fields.
+  std::optional<Offer> offer(const Value& value, const std::string& where,
+                             const std::string& kind) {
     if (!value.isDictionary()) return std::nullopt;
+    noteIgnored(
+        value, kind + ".",
+        {"offerID", "paymentMode", "subscriptionPeriod", "numberOfPeriods", "displayPrice"});
     Offer offer;
     offer.identifier = text(value["offerID"]);
     const std::string mode = text(value["paymentMode"]);
@@ -82,11 +139,31 @@ class Reader {
     }
     offer.numberOfPeriods = static_cast<uint64_t>(periods);
     if (!price(value["displayPrice"], where, &offer.displayPrice)) return std::nullopt;
+    // A free trial costs nothing, whatever price the file kept from before it was one.
+    if (offer.paymentMode == SKProductDiscountPaymentModeFreeTrial) {
+      offer.displayPrice = Decimal::fromInt(0);
+    }
     return offer;
   }
 
-  // One entry of "products", "nonRenewingSubscriptions" or a group's "subscriptions".
+  // The offers of `value`, one offer object or a list of them, appended to `out`; false when
+  // one is malformed.
+  bool offers(const Value& value, const std::string& where, const std::string& kind,
+              std::vector<Offer>* out) {
+    const Array* list = value.asArray();
+    const Array single = value.isDictionary() ? Array{value} : Array{};
+    for (const Value& item : list ? *list : single) {
+      std::optional<Offer> read = offer(item, where, kind);
+      if (!ok()) return false;
+      if (read) out->push_back(std::move(*read));
+    }
+    return true;
+  }
+
+  // One entry of "products", "nonRenewingSubscriptions" or a group's "subscriptions", which
+  // `kind` names.
   std::optional<Product> product(const Value& value, const std::string& where,
+                                 const std::string& kind,
                                  const std::optional<std::string>& groupID) {
     if (!value.isDictionary()) {
       fail(where + ": not an object");
@@ -116,33 +193,39 @@ class Reader {
     if (!price(value["displayPrice"], at, &product.displayPrice)) return std::nullopt;
     product.familyShareable = flag(value["familyShareable"]);
     product.localizations = localizations(value["localizations"]);
-    if (product.type == StoreKitConfiguration::ProductType::kAutoRenewable) {
-      std::string group = text(value["subscriptionGroupID"]);
-      product.subscriptionGroupID = group.empty() ? groupID : std::optional<std::string>(group);
-      auto period = parseSubscriptionPeriod(text(value["recurringSubscriptionPeriod"]));
-      if (!period) {
-        fail(at + ": unreadable recurringSubscriptionPeriod");
-        return std::nullopt;
-      }
-      product.recurringSubscriptionPeriod = period;
-      if (!value["introductoryOffer"].isNil() && !value["introductoryOffer"].isNull()) {
-        product.introductoryOffer = offer(value["introductoryOffer"], at);
-        if (!ok()) return std::nullopt;
-      }
-      if (const Array* offers = value["adHocOffers"].asArray()) {
-        for (const Value& item : *offers) {
-          auto promotional = offer(item, at);
-          if (!ok()) return std::nullopt;
-          if (promotional) product.promotionalOffers.push_back(std::move(*promotional));
-        }
-      }
+    if (product.type != StoreKitConfiguration::ProductType::kAutoRenewable) {
+      noteIgnored(value, kind + ".",
+                  {"productID", "type", "displayPrice", "familyShareable", "localizations"});
+      return product;
     }
+    noteIgnored(value, kind + ".",
+                {"productID", "type", "displayPrice", "familyShareable", "localizations",
+                 "subscriptionGroupID", "recurringSubscriptionPeriod", "introductoryOffer",
+                 "introductoryOffers", "adHocOffers"});
+    std::string group = text(value["subscriptionGroupID"]);
+    product.subscriptionGroupID = group.empty() ? groupID : std::optional<std::string>(group);
+    auto period = parseSubscriptionPeriod(text(value["recurringSubscriptionPeriod"]));
+    if (!period) {
+      fail(at + ": unreadable recurringSubscriptionPeriod");
+      return std::nullopt;
+    }
+    product.recurringSubscriptionPeriod = period;
+    // Older files hold one "introductoryOffer" object, newer ones an "introductoryOffers" list.
+    std::vector<Offer> introductory;
+    if (!offers(value["introductoryOffer"], at, "introductoryOffer", &introductory) ||
+        !offers(value["introductoryOffers"], at, "introductoryOffers[]", &introductory) ||
+        !offers(value["adHocOffers"], at, "adHocOffers[]", &product.promotionalOffers)) {
+      return std::nullopt;
+    }
+    if (!introductory.empty()) product.introductoryOffer = introductory.front();
+    if (introductory.size() > 1) ignored_.insert("introductoryOffers[] after the first");
     return product;
   }
 
  private:
   std::string* error_;
   bool ok_ = true;
+  std::set<std::string> ignored_;
 };
 
 }  // namespace
@@ -182,12 +265,13 @@ std::optional<StoreKitConfiguration> StoreKitConfiguration::fromJSON(std::string
   }
   Reader reader(error);
   StoreKitConfiguration configuration;
-  auto addAll = [&](const Value& list, const std::string& where,
+  auto addAll = [&](const Value& list, const std::string& where, const std::string& kind,
                     const std::optional<std::string>& groupID) {
     const Array* items = list.asArray();
     if (!items) return;
     for (size_t i = 0; i < items->size() && reader.ok(); ++i) {
-      auto product = reader.product((*items)[i], where + "[" + std::to_string(i) + "]", groupID);
+      auto product =
+          reader.product((*items)[i], where + "[" + std::to_string(i) + "]", kind, groupID);
       if (!product) return;
       if (configuration.productWithID(product->productID)) {
         reader.fail(where + ": duplicate productID " + product->productID);
@@ -196,19 +280,28 @@ std::optional<StoreKitConfiguration> StoreKitConfiguration::fromJSON(std::string
       configuration.products.push_back(std::move(*product));
     }
   };
-  addAll((*root)["products"], "products", std::nullopt);
-  addAll((*root)["nonRenewingSubscriptions"], "nonRenewingSubscriptions", std::nullopt);
+  reader.noteIgnored(*root, "",
+                     {"products", "nonRenewingSubscriptions", "subscriptionGroups", "settings"});
+  addAll((*root)["products"], "products", "products[]", std::nullopt);
+  addAll((*root)["nonRenewingSubscriptions"], "nonRenewingSubscriptions",
+         "nonRenewingSubscriptions[]", std::nullopt);
   if (const Array* groups = (*root)["subscriptionGroups"].asArray()) {
     for (size_t g = 0; g < groups->size() && reader.ok(); ++g) {
       const Value& group = (*groups)[g];
+      reader.noteIgnored(group, "subscriptionGroups[].", {"id", "name", "subscriptions"});
       std::string id = Reader::text(group["id"]);
       if (id.empty()) id = Reader::text(group["name"]);
-      addAll(group["subscriptions"], "subscriptionGroups[" + std::to_string(g) + "]", id);
+      addAll(group["subscriptions"], "subscriptionGroups[" + std::to_string(g) + "]",
+             "subscriptions[]", id);
     }
   }
   if (!reader.ok()) return std::nullopt;
 
   const Value& settings = (*root)["settings"];
+  reader.noteIgnored(
+      settings, "settings.",
+      {"_storefront", "_locale", "_failTransactionsEnabled", "_askToBuyEnabled", "_timeRate"});
+  configuration.ignoredFields = reader.ignored();
   if (const std::string* storefront = settings["_storefront"].asString()) {
     configuration.storefront = *storefront;
   }
@@ -219,10 +312,44 @@ std::optional<StoreKitConfiguration> StoreKitConfiguration::fromJSON(std::string
   return configuration;
 }
 
+std::vector<std::string> StoreKitConfiguration::warnings() const {
+  std::vector<std::string> lines;
+  if (!ignoredFields.empty()) {
+    std::string names;
+    for (const std::string& name : ignoredFields) names += (names.empty() ? "" : ", ") + name;
+    lines.push_back("the StoreKit simulator ignores these fields of the configuration: " + names);
+  }
+  if (!subscriptionSpeedUp(timeRate)) {
+    lines.push_back("the StoreKit simulator does not know _timeRate " + std::to_string(timeRate) +
+                    " (0 to 4); subscriptions renew in real time");
+  }
+  return lines;
+}
+
+std::optional<int64_t> subscriptionSpeedUp(int64_t timeRate) {
+  switch (timeRate) {
+    case 0:
+      return 1;
+    case 1:
+      return 86400;  // one second is one day
+    case 2:
+      return 3600;  // one second is one hour
+    case 3:
+      return 1440;  // one minute is one day
+    case 4:
+      return 60;  // one minute is one hour
+    default:
+      return std::nullopt;
+  }
+}
+
 std::optional<StoreKitConfiguration> StoreKitConfiguration::fromFile(
     const std::filesystem::path& path, std::string* error) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  // Only a regular file: opening a FIFO would wait for a writer, a directory cannot be read.
+  std::error_code ignored;
+  std::ifstream in;
+  if (std::filesystem::is_regular_file(path, ignored)) in.open(path, std::ios::binary);
+  if (!in.is_open()) {
     if (error) *error = "cannot read " + path.string();
     return std::nullopt;
   }

@@ -18,22 +18,6 @@ using ProductType = StoreKitConfiguration::ProductType;
 
 ZBIAPErrorPtr storeKitError(int64_t code) { return ZBIAPError::make(SKErrorDomain, code); }
 
-// How many units of subscription time pass in one unit of real time.
-int64_t speedUp(int64_t timeRate) {
-  switch (timeRate) {
-    case 1:
-      return 86400;  // one second is one day
-    case 2:
-      return 3600;  // one second is one hour
-    case 3:
-      return 1440;  // one minute is one day
-    case 4:
-      return 60;  // one minute is one hour
-    default:
-      return 1;
-  }
-}
-
 // `start` plus `times` periods on the Gregorian calendar (UTC), shortened by the time rate.
 Date addPeriods(Date start, SKProductSubscriptionPeriod period, uint64_t times, int64_t timeRate) {
   using namespace std::chrono;
@@ -58,7 +42,8 @@ Date addPeriods(Date start, SKProductSubscriptionPeriod period, uint64_t times, 
       break;
     }
   }
-  return start + duration_cast<microseconds>(end - point) / speedUp(timeRate);
+  return start +
+         duration_cast<microseconds>(end - point) / subscriptionSpeedUp(timeRate).value_or(1);
 }
 
 std::string pickLanguage(std::string_view locale) {

@@ -101,11 +101,6 @@ TEST_F(ReceiptCLITest, RejectedInputExitsOneWithTheError) {
   ASSERT_TRUE(json.has_value()) << notReceipt.out;
   EXPECT_EQ((*json)["error"]["code"], Value(2));
 
-  Outcome missing = run("receipt '" + (dir_ / "nope").string() + "'");
-  EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(missing.err.find("Code=1"), std::string::npos) << missing.err;
-  EXPECT_NE(missing.err.find("nope"), std::string::npos) << missing.err;
-
   EXPECT_EQ(run("receipt").status, 2);
   EXPECT_EQ(run("receipt --bogus x").status, 2);
   EXPECT_EQ(run("receipt a b").status, 2);

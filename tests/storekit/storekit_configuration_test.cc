@@ -55,28 +55,45 @@ TEST(StoreKitConfigurationTest, ReadsTheShippedExample) {
             (SKProductSubscriptionPeriod{1, SKProductPeriodUnit::kWeek}));
   EXPECT_EQ(monthly->introductoryOffer->numberOfPeriods, 1u);
   EXPECT_FALSE(yearly->introductoryOffer);
+  // Empty lists, switched-off settings and bookkeeping are not worth a word.
+  EXPECT_EQ(configuration->ignoredFields, std::vector<std::string>{"subscriptions[].groupNumber"});
 }
 
-TEST(StoreKitConfigurationTest, ReadsSettingsOffersAndIgnoresUnknownKeys) {
+TEST(StoreKitConfigurationTest, ReadsSettingsOffersAndNamesIgnoredFields) {
   auto configuration = StoreKitConfiguration::fromJSON(R"({
-    "futureKey": {"anything": [1, 2]},
+    "futureKey": {"anything": [1, 2]}, "identifier": "AB12", "version": {"major": 5},
     "nonRenewingSubscriptions": [
       {"productID": "season", "type": "NonRenewingSubscription", "displayPrice": "4.5"}],
     "subscriptionGroups": [{"id": "g", "subscriptions": [
       {"productID": "weekly", "recurringSubscriptionPeriod": "P2W", "displayPrice": "1",
+       "internalID": "7", "codeOffers": [], "winbackOffers": [{"offerID": "w"}],
        "introductoryOffer": {"paymentMode": "payAsYouGo", "subscriptionPeriod": "P1W",
                              "numberOfPeriods": 3, "displayPrice": "0.49"},
        "adHocOffers": [{"offerID": "winback", "paymentMode": "payUpFront",
-                        "subscriptionPeriod": "P1M", "displayPrice": "0.99"}]}]}],
-    "settings": {"_storefront": "DEU", "_locale": "de_DE", "_timeRate": 1,
-                 "_askToBuyEnabled": true, "_failTransactionsEnabled": true}})");
+                        "subscriptionPeriod": "P1M", "displayPrice": "0.99"}]},
+      {"productID": "trial", "recurringSubscriptionPeriod": "P1M", "introductoryOffers": [
+        {"paymentMode": "free", "subscriptionPeriod": "P3D", "displayPrice": "2.99"},
+        {"paymentMode": "payUpFront", "subscriptionPeriod": "P1M", "displayPrice": "1"}]}]}],
+    "settings": {"_storefront": "DEU", "_locale": "de_DE", "_timeRate": 9,
+                 "_askToBuyEnabled": true, "_failTransactionsEnabled": true,
+                 "_disableDialogs": false, "_storeKitErrors": [
+                   {"enabled": false, "name": "Load Products"},
+                   {"enabled": true, "name": "Purchase"}]}})");
   ASSERT_TRUE(configuration);
   EXPECT_EQ(configuration->storefront, "DEU");
   EXPECT_EQ(configuration->locale, "de_DE");
-  EXPECT_EQ(configuration->timeRate, 1);
+  EXPECT_EQ(configuration->timeRate, 9);
   EXPECT_TRUE(configuration->askToBuyEnabled);
   EXPECT_TRUE(configuration->failTransactionsEnabled);
-  ASSERT_EQ(configuration->products.size(), 2u);
+  EXPECT_EQ(
+      configuration->ignoredFields,
+      (std::vector<std::string>{"futureKey", "introductoryOffers[] after the first",
+                                "settings._storeKitErrors", "subscriptions[].winbackOffers"}));
+  const std::vector<std::string> warnings = configuration->warnings();
+  ASSERT_EQ(warnings.size(), 2u);
+  EXPECT_NE(warnings[0].find("futureKey, introductoryOffers"), std::string::npos) << warnings[0];
+  EXPECT_NE(warnings[1].find("_timeRate 9"), std::string::npos) << warnings[1];
+  ASSERT_EQ(configuration->products.size(), 3u);
   EXPECT_EQ(configuration->products[0].type, ProductType::kNonRenewingSubscription);
   const auto& weekly = configuration->products[1];
   EXPECT_EQ(weekly.type, ProductType::kAutoRenewable) << "a group's member without a type";
@@ -87,6 +104,12 @@ TEST(StoreKitConfigurationTest, ReadsSettingsOffersAndIgnoresUnknownKeys) {
   EXPECT_EQ(weekly.introductoryOffer->displayPrice, Decimal::fromString("0.49"));
   ASSERT_EQ(weekly.promotionalOffers.size(), 1u);
   EXPECT_EQ(weekly.promotionalOffers[0].identifier, "winback");
+  // A free trial is free, whatever price the file kept.
+  const auto& trial = configuration->products[2].introductoryOffer;
+  ASSERT_TRUE(trial);
+  EXPECT_EQ(trial->paymentMode, SKProductDiscountPaymentModeFreeTrial);
+  EXPECT_EQ(trial->subscriptionPeriod, (SKProductSubscriptionPeriod{3, SKProductPeriodUnit::kDay}));
+  EXPECT_EQ(trial->displayPrice, Decimal::fromInt(0));
 }
 
 TEST(StoreKitConfigurationTest, RejectsMalformedFilesWithAReason) {
@@ -104,7 +127,7 @@ TEST(StoreKitConfigurationTest, RejectsMalformedFilesWithAReason) {
           {"productID": "s", "recurringSubscriptionPeriod": "P1X"}]}]})",
       R"({"subscriptionGroups": [{"id": "g", "subscriptions": [
           {"productID": "s", "recurringSubscriptionPeriod": "P1M",
-           "introductoryOffer": {"paymentMode": "gift", "subscriptionPeriod": "P1W"}}]}]})",
+           "introductoryOffers": [{"paymentMode": "gift", "subscriptionPeriod": "P1W"}]}]}]})",
   };
   for (const char* text : bad) {
     std::string error;

@@ -18,11 +18,8 @@ int runASN1(const Args& args) {
   std::vector<std::string> files;
   if (!options.parse(args, &files, 1, 1)) return options.exitCode();
   const std::string& file = files[0];
-  std::optional<std::string> input = readInput(file);
-  if (!input) {
-    std::fprintf(stderr, "zbiap asn1: cannot read %s\n", file.c_str());
-    return 1;
-  }
+  std::optional<std::string> input = readInput("zbiap asn1", file);
+  if (!input) return 1;
   Data data(input->begin(), input->end());
   auto tree = ZBIAPASN1Parser::parseASN1Data(std::move(data));
   if (tree == nullptr) {

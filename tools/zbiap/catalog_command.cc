@@ -6,13 +6,12 @@
 //         [--signature-key B64] [--country CC] [--json]
 //
 // check and fetch exit 0 when the answer is accepted and 1 when it is rejected; verify 0 for a
-// valid signature and 1 for an invalid one; all three 2 on bad usage.
+// valid signature and 1 for an invalid one; all three 1 for a FILE they cannot read and 2 on bad
+// usage.
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -78,8 +77,8 @@ int check(const Args& args) {
   parser.flag("--json", &json);
   std::vector<std::string> files;
   if (!parser.parse(args, &files, 1, 1)) return parser.exitCode();
-  std::optional<std::string> bytes = readInput(files[0]);
-  if (!bytes) return parser.fail("cannot read '" + files[0] + "'");
+  std::optional<std::string> bytes = readInput("zbiap catalog check", files[0]);
+  if (!bytes) return 1;
   // The catalogue's language is read from the environment, as an app's override would be.
   if (!lang.empty()) setenv("ZBIAP_OVERRIDE_LOCALE", lang.c_str(), 1);
 
@@ -112,8 +111,8 @@ int verify(const Args& args) {
   if (!parser.parse(args, &files, 1, 1)) return parser.exitCode();
   auto publicKey = ZBIAPProductInfoV1Fetcher::private_getPublicKeyRef(key);
   if (!publicKey) return parser.fail("--signature-key is not a base64 PKCS #1 RSA public key");
-  std::optional<std::string> bytes = readInput(files[0]);
-  if (!bytes) return parser.fail("cannot read '" + files[0] + "'");
+  std::optional<std::string> bytes = readInput("zbiap catalog verify", files[0]);
+  if (!bytes) return 1;
   std::string_view data(*bytes);
   bool valid = ZBIAPProductInfoV1Fetcher::validateSignature(signature, publicKey.get(), &data);
   std::printf("%s\n", valid ? "valid" : "invalid");

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "catalog_report.h"
 #include "demo_screen.h"
 #include "input.h"
 #include "zbiap/catalog/key_table.h"
@@ -58,6 +59,12 @@ const char* restoreName(ZBIAPStoreRestoreResult result) {
       break;
   }
   return "failed";
+}
+
+// What the user should know but that does not stop the demo; on standard error, so that
+// --json output stays events only.
+void warn(const std::string& message) {
+  std::fprintf(stderr, "zbiap demo: warning: %s\n", message.c_str());
 }
 
 Value errorValue(const ZBIAPErrorPtr& error) {
@@ -144,11 +151,66 @@ class DemoRun {
                    language);
     manager_.commitConfiguration();
     // The bundled copy can make the manager ready with store products before the server has
-    // answered; the store screen is to show the server's catalogue, so wait for that answer too.
-    return waitFor("start-up", [this] {
-      return manager_.state() == ZBIAPManagerStateReadyStoreProducts &&
-             env_.catalogServer().requestCount() > 0 && !manager_.isQuerying();
+    // answered; the store screen is to show the server's catalogue, so wait for that answer too,
+    // and for the store's products of it.
+    if (!waitFor("start-up", [this] {
+          return manager_.isReady() && env_.catalogServer().requestCount() > 0 &&
+                 !manager_.isQuerying();
+        })) {
+      return false;
+    }
+    const std::vector<std::string> unknown = productsTheStoreLacks();
+    if (manager_.state() == ZBIAPManagerStateReadyStoreProducts) {
+      if (!unknown.empty()) {
+        warn("the StoreKit configuration lacks these products of the catalogue: " +
+             joined(unknown));
+      }
+      return true;
+    }
+    if (!unknown.empty()) {
+      std::string message =
+          "the StoreKit configuration has none of the catalogue's products: " + joined(unknown);
+      if (options_.catalogFile.empty()) {
+        message += " (--catalog FILE gives the demo a catalogue of the configuration's products)";
+      }
+      return fail("start-up", message);
+    }
+    return fail("start-up", whyNoCatalogue());
+  }
+
+  // The active products of the manager's catalogue that the store does not sell.
+  std::vector<std::string> productsTheStoreLacks() const {
+    std::vector<std::string> sold;
+    for (const auto& product : env_.simulator().products()) {
+      sold.push_back(product->productIdentifier());
+    }
+    std::vector<std::string> lacking;
+    for (const auto& info : manager_.dynamicProductInfos()) {
+      const std::string& id = info->productIdentifier();
+      if (info->active() && std::find(sold.begin(), sold.end(), id) == sold.end()) {
+        lacking.push_back(id);
+      }
+    }
+    return lacking;
+  }
+
+  // Why the manager has nothing to sell when the store lacks none of its products: the
+  // fetcher's error, which asking once more brings, or a catalogue without products to sell.
+  std::string whyNoCatalogue() {
+    if (!manager_.dynamicProductInfos().empty()) {
+      return "the catalogue has no active product that the store sells";
+    }
+    bool answered = false;
+    ZBIAPErrorPtr error;
+    manager_.refreshDynamicProductInfosWithCompletion([&](ZBIAPErrorPtr e) {
+      answered = true;
+      error = std::move(e);
     });
+    if (!env_.loop().runUntil([&] { return answered; }, kStepTimeout)) {
+      return "the catalogue server did not answer";
+    }
+    if (!error) return "the catalogue has no products";
+    return "the app rejects the catalogue: " + errorText(error);
   }
 
   bool country() {
@@ -276,25 +338,22 @@ int runDemo(const DemoOptions& options, DemoOutput& out) {
   DevEnvironment::Options setup;
   setup.language = options.language;
   setup.storefront = options.storefront;
-  for (auto [path, target] : {std::pair{&options.storeKitFile, &setup.storeKitConfiguration},
-                              std::pair{&options.catalogFile, &setup.catalog}}) {
-    if (path->empty()) continue;
-    std::optional<std::string> bytes = readInput(*path);
-    if (!bytes) {
-      out.event("error",
-                Dictionary{{"step", Value("setup")}, {"message", Value("cannot read " + *path)}},
-                "zbiap demo: cannot read " + *path);
-      return 1;
-    }
-    *target = std::move(*bytes);
-  }
   std::string error;
-  std::unique_ptr<DevEnvironment> env = DevEnvironment::create(std::move(setup), &error);
-  if (!env) {
+  auto setupFailed = [&] {
     out.event("error", Dictionary{{"step", Value("setup")}, {"message", Value(error)}},
               "zbiap demo: " + error);
     return 1;
+  };
+  for (auto [path, target] : {std::pair{&options.storeKitFile, &setup.storeKitConfiguration},
+                              std::pair{&options.catalogFile, &setup.catalog}}) {
+    if (path->empty()) continue;
+    std::optional<std::string> bytes = readInput(*path, &error);
+    if (!bytes) return setupFailed();
+    *target = std::move(*bytes);
   }
+  std::unique_ptr<DevEnvironment> env = DevEnvironment::create(std::move(setup), &error);
+  if (!env) return setupFailed();
+  for (const std::string& warning : env->warnings()) warn(warning);
   return DemoRun(*env, out, options).run();
 }
 

@@ -1,5 +1,8 @@
 #include "demo_screen.h"
 
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -52,21 +55,73 @@ Value optionalText(const std::optional<std::string>& value) {
   return value ? Value(*value) : Value::null();
 }
 
-// Pads `line` with spaces to the card's width, counting what shows: UTF-8 code points, not
-// bytes, and no escape sequences.
-std::string padded(const std::string& line) {
-  size_t points = 0;
-  bool escape = false;
-  for (unsigned char c : line) {
-    if (escape) {
-      escape = c != 'm';
-    } else if (c == 0x1b) {
-      escape = true;
-    } else {
-      points += (c & 0xC0) != 0x80 ? 1 : 0;
+// The terminal columns a code point takes: two for East Asian wide and fullwidth characters
+// (Japanese, Chinese, Korean), none for combining marks and format and control characters.
+size_t columns(UChar32 c) {
+  if (c < 0) return 1;  // a byte that is no UTF-8 shows as one replacement character
+  switch (u_charType(c)) {
+    case U_NON_SPACING_MARK:
+    case U_ENCLOSING_MARK:
+    case U_FORMAT_CHAR:
+    case U_CONTROL_CHAR:
+      return 0;
+    default:
+      break;
+  }
+  const int width = u_getIntPropertyValue(c, UCHAR_EAST_ASIAN_WIDTH);
+  return width == U_EA_WIDE || width == U_EA_FULLWIDTH ? 2 : 1;
+}
+
+// The length of the escape sequence ("\x1b[1m") at `at`, 0 when there is none.
+size_t escapeLength(std::string_view line, size_t at) {
+  if (line[at] != '\x1b') return 0;
+  size_t end = at + 1;
+  if (end < line.size() && line[end] == '[') {
+    for (++end; end < line.size() && (line[end] < 0x40 || line[end] > 0x7e); ++end) {
     }
   }
-  return line + std::string(points < kWidth ? kWidth - points : 0, ' ');
+  return std::min(end + 1, line.size()) - at;
+}
+
+// `line` made exactly the card's width in terminal columns: cut with an ellipsis when it is
+// wider, then padded with spaces. Escape sequences take no column and are all kept, so that the
+// colours after a cut stay as they were; other control characters (a line break in a catalogue
+// text) are left out.
+std::string fitted(std::string_view line) {
+  size_t total = 0;
+  for (size_t i = 0; i < line.size();) {
+    if (size_t escape = escapeLength(line, i)) {
+      i += escape;
+      continue;
+    }
+    UChar32 c;
+    U8_NEXT(line.data(), i, line.size(), c);
+    total += columns(c);
+  }
+  std::string out;
+  size_t used = 0;
+  const size_t room = total <= kWidth ? kWidth : kWidth - 1;  // one column for the ellipsis
+  bool cut = false;
+  for (size_t i = 0; i < line.size();) {
+    if (size_t escape = escapeLength(line, i)) {
+      out.append(line.substr(i, escape));
+      i += escape;
+      continue;
+    }
+    const size_t start = i;
+    UChar32 c;
+    U8_NEXT(line.data(), i, line.size(), c);
+    if (c >= 0 && u_charType(c) == U_CONTROL_CHAR) continue;
+    if (cut || used + columns(c) > room) {
+      if (!cut) out += "\u2026";
+      used += cut ? 0 : 1;
+      cut = true;
+      continue;
+    }
+    out.append(line.substr(start, i - start));
+    used += columns(c);
+  }
+  return out + std::string(kWidth - used, ' ');
 }
 
 }  // namespace
@@ -115,7 +170,7 @@ void showStoreScreen(DemoOutput& out, const ZBIAPManager& manager, const std::st
     const std::string on = out.background(info->backgroundColor());
     const std::string ink = out.foreground(info->titleColor());
     auto line = [&](const std::string& content) {
-      screen += "  " + on + ink + " " + padded(content) + " " + out.reset() + "\n";
+      screen += "  " + on + ink + " " + fitted(content) + " " + out.reset() + "\n";
     };
     std::string priceText = price.value_or("(no price)");
     if (oldPrice) priceText += "  " + out.struck(*oldPrice) + on + ink;

@@ -2,6 +2,7 @@
 // own file and registers itself in the table of commands.h.
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -19,9 +20,7 @@ void printHelp(FILE* out) {
   std::fprintf(out, "\n  --version  print the version\n");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   if (argc < 2) {
     printHelp(stderr);
     return 2;
@@ -56,4 +55,18 @@ int main(int argc, char** argv) {
   std::fprintf(stderr, "zbiap: unknown command '%s'\n", cmd.c_str());
   printHelp(stderr);
   return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // The last guard: commands answer bad input themselves, but nothing escapes as an abort.
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "zbiap: internal error: %s\n", e.what());
+  } catch (...) {
+    std::fprintf(stderr, "zbiap: internal error\n");
+  }
+  return 1;
 }

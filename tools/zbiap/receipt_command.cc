@@ -2,9 +2,6 @@
 // prints the receipt dictionary; with --json, one JSON object with dates as RFC 3339 text in
 // UTC. A rejected receipt prints the reader's error and exits 1.
 #include <cstdio>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <optional>
 #include <string>
 
@@ -93,14 +90,9 @@ int runReceipt(const Args& args) {
   options.flag("--json", &json);
   std::vector<std::string> files;
   if (!options.parse(args, &files, 1, 1)) return options.exitCode();
-  const std::string& file = files[0];
-
-  std::shared_ptr<ZBIAPReceiptParser> parser;
-  if (auto input = readInput(file)) {
-    parser = ZBIAPReceiptParser::fromReceiptData(receiptBytes(*input));
-  } else {
-    parser = ZBIAPReceiptParser::fromReceiptURL(std::filesystem::path(file));
-  }
+  std::optional<std::string> input = readInput("zbiap receipt", files[0]);
+  if (!input) return 1;
+  auto parser = ZBIAPReceiptParser::fromReceiptData(receiptBytes(*input));
   if (ZBIAPErrorPtr error = parser->lastError(); error || !parser->isLoaded()) {
     std::fprintf(stderr, "zbiap receipt: rejected: %s\n",
                  error ? error->description().c_str() : "no receipt");

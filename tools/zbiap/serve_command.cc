@@ -9,9 +9,12 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "commands.h"
+#include "input.h"
 #include "options.h"
 #include "zbiap/devserver/catalog_server.h"
 
@@ -70,14 +73,17 @@ int runServe(const Args& args) {
   Options options;
   int exitCode;
   if (!parseOptions(args, options, &exitCode)) return exitCode;
+  // The catalogue first: a bad path is told before the key is made.
+  std::optional<std::string> text;
+  if (!options.catalog.empty() && !(text = readInput("zbiap serve", options.catalog))) return 1;
   auto server = CatalogServer::create();
   if (server == nullptr) {
     std::fprintf(stderr, "zbiap serve: cannot make the server's RSA key\n");
     return 1;
   }
-  if (!options.catalog.empty()) {
+  if (text) {
     std::string error;
-    if (!server->loadCatalogFile(options.catalog, &error)) {
+    if (!server->setCatalog(std::move(*text), &error)) {
       std::fprintf(stderr, "zbiap serve: %s: %s\n", options.catalog.c_str(), error.c_str());
       return 1;
     }

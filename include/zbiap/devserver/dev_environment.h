@@ -46,15 +46,18 @@ class DevEnvironment {
     std::string language;
     std::string bundleIdentifier = "com.example.app";
     std::string appVersion = "1.0";
-    // The product through which the App Store store learns the country.
-    std::string countryProduct = "com.example.app.lifetime";
+    // The product through which the App Store store learns the country; empty: one that both
+    // the catalogue and the StoreKit configuration have, a non-consumable when there is one,
+    // else the configuration's first product.
+    std::string countryProduct;
     // The account the account store signs in with, and what it holds on the account server.
     std::string accountToken = "dev-user";
     std::vector<std::string> accountProducts = {"com.example.web.pro"};
   };
 
   // Null, with the reason in `error` when given, if a part cannot be made (an unreadable
-  // StoreKit configuration or catalogue, no port to bind, no temporary directory).
+  // StoreKit configuration or one without products, a catalogue that is not JSON, no port to
+  // bind, no temporary directory).
   static std::unique_ptr<DevEnvironment> create(Options options, std::string* error = nullptr);
   ~DevEnvironment();
   DevEnvironment(const DevEnvironment&) = delete;
@@ -68,7 +71,10 @@ class DevEnvironment {
   const std::filesystem::path& home() const;
   const std::filesystem::path& bundleDirectory() const;
   std::filesystem::path receiptPath() const;
+  // The options as given, with the defaults filled in (the country product chosen).
   const Options& options() const;
+  // What the StoreKit configuration sets that the simulator does not honour, one line each.
+  const std::vector<std::string>& warnings() const;
 
   StoreKitSimulator& simulator();
   CatalogServer& catalogServer();

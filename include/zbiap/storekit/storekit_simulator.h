@@ -58,7 +58,7 @@ class StoreKitSimulator final : public StoreKitBinding,
   std::string storefront() const;
   void setLocale(std::string locale);  // "de_DE"
   void setCanMakePayments(bool canMakePayments);
-  void setTimeRate(int64_t timeRate);
+  void setTimeRate(int64_t timeRate);  // as StoreKitConfiguration::timeRate
   // Where receipts are written; nullopt (the default) means the main bundle's receipt URL.
   void setReceiptURL(std::optional<std::filesystem::path> url);
   std::filesystem::path receiptURL() const;
