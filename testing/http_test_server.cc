@@ -7,28 +7,14 @@ HttpTestServer::HttpTestServer() = default;
 HttpTestServer::~HttpTestServer() { stop(); }
 
 bool HttpTestServer::start(int port) {
-  if (port_ > 0) return true;
-  if (port == 0) {
-    port_ = server_.bind_to_any_port("127.0.0.1");
-  } else if (server_.bind_to_port("127.0.0.1", port)) {
-    port_ = port;
-  }
-  if (port_ <= 0) return false;
-  thread_ = std::thread([this] {
-    server_.listen_after_bind();
-    listenReturned_ = true;
-  });
+  if (!listener_.start(port)) return false;
+  port_ = listener_.port();
   return true;
 }
 
 void HttpTestServer::stop() {
   release();
-  if (thread_.joinable()) {
-    // stop() is a no-op until the accept loop runs, so wait for it to be up (or to have failed).
-    while (!server_.is_running() && !listenReturned_) std::this_thread::yield();
-    server_.stop();
-    thread_.join();
-  }
+  listener_.stop();
 }
 
 std::string HttpTestServer::url(std::string_view path) const {

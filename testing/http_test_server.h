@@ -17,6 +17,8 @@
 #include <string_view>
 #include <thread>
 
+#include "devserver/loopback_listener.h"
+
 namespace zbiap::testing {
 
 class HttpTestServer {
@@ -46,8 +48,8 @@ class HttpTestServer {
 
  private:
   httplib::Server server_;
-  std::thread thread_;
-  std::atomic<bool> listenReturned_{false};
+  LoopbackListener listener_{server_};
+  // The last port bound: kept after stop(), so a test can start another server on it.
   int port_ = -1;
   std::mutex mutex_;
   std::condition_variable released_;

@@ -3,8 +3,11 @@
 // STOREKIT_FILE, and a manager over the App Store store whose catalogue comes from the server
 // named by ZBIAP_CATALOG_URL (with ZBIAP_CONSUMER_KEY, ZBIAP_CONSUMER_SECRET and
 // ZBIAP_PUBLIC_KEY, as `zbiap serve` prints them), or else from CATALOG_JSON as the bundle copy.
-// It waits until the manager is ready, prints its state and catalogue, and exits: 0 when the
-// manager became ready, 1 otherwise, 2 on bad usage.
+// With ZBIAP_ACCOUNT_URL (and ZBIAP_ACCOUNT_TOKEN, the user's bearer token) the manager's store
+// is a compound of the App Store and the vendor's account server, and after start-up the app
+// restores the account's purchases and prints them. It waits until the manager is ready, prints
+// its state and catalogue, and exits: 0 when the manager became ready (and the restore, when
+// asked for, succeeded), 1 otherwise, 2 on bad usage.
 #include <unistd.h>
 
 #include <chrono>
@@ -19,7 +22,9 @@
 #include "zbiap/manager/manager.h"
 #include "zbiap/manager/manager_configuration.h"
 #include "zbiap/platform/linux_platform.h"
+#include "zbiap/store/compound_store.h"
 #include "zbiap/store/store_apple.h"
+#include "zbiap/store/store_morvane.h"
 #include "zbiap/storekit/storekit_binding.h"
 #include "zbiap/storekit/storekit_configuration.h"
 #include "zbiap/storekit/storekit_simulator.h"
@@ -31,6 +36,27 @@ std::string env(const char* name, const char* fallback) {
   const char* value = std::getenv(name);
   return value != nullptr && *value != '\0' ? value : fallback;
 }
+
+// What the account store needs of the app: the headers that sign the user in (asked again,
+// with isRetrying, after the server refused them with 401), and a place for the last list of
+// the account's purchases. This app keeps the list in memory; a real one keeps it where it
+// keeps the user's other data, so that the list is there at the next launch before the server
+// answers.
+class AccountDelegate final : public ZBIAPStoreMorvaneDelegate {
+ public:
+  explicit AccountDelegate(std::string token) : token_(std::move(token)) {}
+  void store(ZBIAPStoreMorvane&, bool /*isRetrying*/, HeadersCompletion completion) override {
+    completion({{"Authorization", "Bearer " + token_}}, nullptr);
+  }
+  void store(ZBIAPStoreMorvane&, const zbiap::Array& purchases) override { saved_ = purchases; }
+  zbiap::Value readInAppPurchasesForStore(ZBIAPStoreMorvane&) override {
+    return saved_ ? zbiap::Value(*saved_) : zbiap::Value();
+  }
+
+ private:
+  std::string token_;
+  std::optional<zbiap::Array> saved_;
+};
 
 }  // namespace
 
@@ -69,7 +95,15 @@ int main(int argc, char** argv) {
         std::getenv("ZBIAP_PUBLIC_KEY")
             ? std::optional<std::string>(std::getenv("ZBIAP_PUBLIC_KEY"))
             : std::nullopt);
-    auto store = ZBIAPStoreApple::create();
+    std::shared_ptr<ZBIAPStore> store = ZBIAPStoreApple::create();
+    // The account store holds its delegate weakly: the app keeps it.
+    auto accountDelegate = std::make_shared<AccountDelegate>(env("ZBIAP_ACCOUNT_TOKEN", ""));
+    const std::string accountURL = env("ZBIAP_ACCOUNT_URL", "");
+    if (!accountURL.empty()) {
+      auto account = ZBIAPStoreMorvane::initWithBaseURL(accountURL);
+      account->setMorvaneStoreDelegate(accountDelegate);
+      store = ZBIAPCompoundStore::initWithStores({store, account});
+    }
     auto manager = ZBIAPManager::create(
         ZBIAPManagerConfiguration::create(store, "com.example.app.lifetime", "US", fetcher));
     if (manager == nullptr) return 1;
@@ -92,8 +126,28 @@ int main(int argc, char** argv) {
     }
     status = ready ? 0 : 1;
 
+    if (ready && !accountURL.empty()) {
+      bool restored = false;
+      ZBIAPErrorPtr restoreError;
+      store->restorePurchasesWithCompletion([&](ZBIAPStoreRestoreResult, ZBIAPErrorPtr error) {
+        restoreError = std::move(error);
+        restored = true;
+      });
+      // The manager hears of the new purchases through the store; give it the same turn.
+      loop.runUntil([&] { return restored; }, std::chrono::seconds(20));
+      loop.drain();
+      std::printf("restore: %s\n", !restored     ? "no answer"
+                                    : restoreError ? restoreError->description().c_str()
+                                                   : "done");
+      for (const auto& purchase : manager->inAppPurchases()) {
+        std::printf("  purchase %s\n", purchase->productIdentifier().c_str());
+      }
+      if (!restored || restoreError) status = 1;
+    }
+
     manager.reset();
     store.reset();
+    accountDelegate.reset();
     loop.drain();
     zbiap::StoreKitBinding::install(nullptr);
     zbiap::Platform::install(nullptr);

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "devserver/loopback_listener.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/foundation/value.h"
 
@@ -70,30 +71,9 @@ class AccountServer::Impl {
 
   ~Impl() { stop(); }
 
-  bool start(int port) {
-    if (port_ > 0) return true;
-    if (port == 0) {
-      port_ = server_.bind_to_any_port("127.0.0.1");
-    } else {
-      port_ = server_.bind_to_port("127.0.0.1", port) ? port : -1;
-    }
-    if (port_ <= 0) return false;
-    thread_ = std::thread([this] {
-      server_.listen_after_bind();
-      listenReturned_ = true;
-    });
-    return true;
-  }
-
-  void stop() {
-    if (!thread_.joinable()) return;
-    // stop() is a no-op until the accept loop runs, so wait for it to be up (or to have failed).
-    while (!server_.is_running() && !listenReturned_) std::this_thread::yield();
-    server_.stop();
-    thread_.join();
-  }
-
-  int port() const { return port_; }
+  bool start(int port) { return listener_.start(port); }
+  void stop() { listener_.stop(); }
+  int port() const { return listener_.port(); }
   const std::string& basePath() const { return basePath_; }
 
   void serve(const httplib::Request& request, httplib::Response& response) {
@@ -121,20 +101,23 @@ class AccountServer::Impl {
       response.set_content(R"({"error":"unauthorized"})", "application/json");
     }
     seen.status = response.status;
+    // The log keeps the latest requests only, so a long-running server's memory stays bounded.
+    ++served_;
+    if (requests_.size() == kMaxLoggedRequests) requests_.pop_front();
     requests_.push_back(std::move(seen));
   }
 
+  static constexpr size_t kMaxLoggedRequests = 1000;
   mutable std::mutex mu_;
   std::map<std::string, Account> accounts_;
   std::deque<Scripted> scripted_;
-  std::vector<Request> requests_;
+  std::deque<Request> requests_;
+  size_t served_ = 0;
 
  private:
   std::string basePath_;
   httplib::Server server_;
-  std::thread thread_;
-  std::atomic<bool> listenReturned_{false};
-  int port_ = -1;
+  LoopbackListener listener_{server_};
 };
 
 AccountServer::Product AccountServer::Product::make(std::string productIdentifier, Date purchasedAt,
@@ -154,9 +137,12 @@ std::optional<std::string> AccountServer::Request::header(std::string_view name)
 }
 
 std::string AccountServer::rfc3339(Date date) {
-  // Foundation's description is "yyyy-MM-dd HH:mm:ss +0000", always in UTC.
+  // The description is "<year>-MM-dd HH:mm:ss +0000", always in UTC; the year may have more
+  // than four digits.
   std::string text = date.description();
-  return text.substr(0, 10) + "T" + text.substr(11, 8) + "Z";
+  const size_t space = text.find(' ');
+  if (space == std::string::npos) return text;
+  return text.substr(0, space) + "T" + text.substr(space + 1, 8) + "Z";
 }
 
 AccountServer::AccountServer(std::string basePath)
@@ -211,17 +197,18 @@ size_t AccountServer::pendingResponses() const {
 
 std::vector<AccountServer::Request> AccountServer::requests() const {
   std::lock_guard lock(impl_->mu_);
-  return impl_->requests_;
+  return {impl_->requests_.begin(), impl_->requests_.end()};
 }
 
 size_t AccountServer::requestCount() const {
   std::lock_guard lock(impl_->mu_);
-  return impl_->requests_.size();
+  return impl_->served_;
 }
 
 void AccountServer::clearRequests() {
   std::lock_guard lock(impl_->mu_);
   impl_->requests_.clear();
+  impl_->served_ = 0;
 }
 
 }  // namespace zbiap

@@ -18,6 +18,7 @@
 
 #include "catalog/base64.h"
 #include "catalog/oauth1_signer.h"
+#include "devserver/loopback_listener.h"
 #include "zbiap/foundation/json.h"
 
 namespace zbiap {
@@ -176,39 +177,9 @@ class CatalogServer::Impl {
 
   bool valid() const { return !publicKey_.empty(); }
 
-  bool start(int port) {
-    std::lock_guard lock(lifecycle_);
-    if (port_ > 0) return true;
-    if (port == 0) {
-      port_ = server_.bind_to_any_port("127.0.0.1");
-    } else {
-      port_ = server_.bind_to_port("127.0.0.1", port) ? port : -1;
-    }
-    if (port_ <= 0) {
-      port_ = -1;
-      return false;
-    }
-    listenReturned_ = false;
-    thread_ = std::thread([this] {
-      server_.listen_after_bind();
-      listenReturned_ = true;
-    });
-    return true;
-  }
-
-  void stop() {
-    std::lock_guard lock(lifecycle_);
-    if (!thread_.joinable()) return;
-    // stop() is a no-op until the accept loop runs, so wait for it to be up (or to have failed).
-    while (!server_.is_running() && !listenReturned_) std::this_thread::yield();
-    server_.stop();
-    thread_.join();
-  }
-
-  int port() const {
-    std::lock_guard lock(lifecycle_);
-    return port_;
-  }
+  bool start(int port) { return listener_.start(port); }
+  void stop() { listener_.stop(); }
+  int port() const { return listener_.port(); }
 
   std::string sign(std::string_view body) const {
     EVP_MD_CTX* context = EVP_MD_CTX_new();
@@ -272,11 +243,8 @@ class CatalogServer::Impl {
   size_t requestCount_ = 0;
 
  private:
-  mutable std::mutex lifecycle_;  // guards port_ and thread_
   httplib::Server server_;
-  std::thread thread_;
-  std::atomic<bool> listenReturned_{false};
-  int port_ = -1;
+  LoopbackListener listener_{server_};
 };
 
 std::unique_ptr<CatalogServer> CatalogServer::create(std::optional<std::string> consumerKey,

@@ -45,12 +45,7 @@ ZBIAPManager::ZBIAPManager(std::shared_ptr<ZBIAPManagerConfiguration> configurat
 ZBIAPManager::~ZBIAPManager() = default;
 
 void ZBIAPManager::runOnMainThread(std::function<void()> block) {
-  zbiap::MainQueue& queue = zbiap::Platform::current().mainQueue();
-  if (queue.isMainThread()) {
-    block();
-  } else {
-    queue.post(std::move(block));
-  }
+  zbiap::runOnMainThread(std::move(block));
 }
 
 // ---- Start-up --------------------------------------------------------------------------------

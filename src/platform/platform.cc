@@ -55,6 +55,15 @@ std::shared_ptr<Platform> Platform::install(std::shared_ptr<Platform> platform) 
   return previous;
 }
 
+void runOnMainThread(Task task) {
+  MainQueue& queue = Platform::current().mainQueue();
+  if (queue.isMainThread()) {
+    task();
+  } else {
+    queue.post(std::move(task));
+  }
+}
+
 uint64_t Platform::installCount() { return installs.load(std::memory_order_acquire); }
 
 }  // namespace zbiap

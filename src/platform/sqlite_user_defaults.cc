@@ -77,10 +77,11 @@ void SQLiteUserDefaults::closeLocked() {
   if (db_ != nullptr) sqlite3_close_v2(db_);
   db_ = nullptr;
   schemaReady_ = false;
+  durable_ = false;
 }
 
 bool SQLiteUserDefaults::ensureOpen(std::string* error) {
-  if (db_ != nullptr) return true;
+  if (db_ != nullptr) return prepareForStatement();
   std::error_code ec;
   if (path_.has_parent_path()) std::filesystem::create_directories(path_.parent_path(), ec);
   sqlite3* db = nullptr;
@@ -92,11 +93,61 @@ bool SQLiteUserDefaults::ensureOpen(std::string* error) {
     sqlite3_close_v2(db);
     return false;
   }
-  sqlite3_busy_timeout(db, static_cast<int>(options_.busyTimeout.count()));
-  // A rollback journal synced at every commit: a committed write survives a crash and a torn
-  // one rolls back. These pragmas touch no page, so they work on locked or damaged files too.
-  sqlite3_exec(db, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr);
   db_ = db;
+  return prepareForStatement();
+}
+
+bool SQLiteUserDefaults::prepareForStatement() {
+  // The pragma reads the file, so it runs without waiting for a lock: on a locked file it fails
+  // at once and is tried again before the next statement, rather than costing a wait of its own.
+  // EXTRA syncs the directory after the rollback journal is deleted, so a power cut right after
+  // an acknowledged write cannot roll it back (FULL syncs the file and journal only).
+  if (!durable_) {
+    sqlite3_busy_timeout(db_, 0);
+    durable_ = sqlite3_exec(db_, "PRAGMA synchronous=EXTRA", nullptr, nullptr, nullptr) == SQLITE_OK;
+  }
+  // After a call gave up on a lock, the calls of the next busy time do not wait again: a burst
+  // of writes (the manager saves two keys in a row) costs one wait in all, not one each.
+  const bool quiet = std::chrono::steady_clock::now() < quietUntil_;
+  sqlite3_busy_timeout(db_, quiet ? 0 : static_cast<int>(options_.busyTimeout.count()));
+  return true;
+}
+
+SQLiteUserDefaults::Outcome SQLiteUserDefaults::failedLocked(int rc, std::string* error) {
+  *error = errorText(db_, rc);
+  const int primary = rc & 0xff;
+  if (primary == SQLITE_BUSY || primary == SQLITE_LOCKED) {
+    // Another connection holds the file: keep this one, and wait no more for a while.
+    quietUntil_ = std::chrono::steady_clock::now() + options_.busyTimeout;
+    return Outcome::kFailed;
+  }
+  if (primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB) {
+    closeLocked();
+    return moveAsideLocked(error) ? Outcome::kRetry : Outcome::kFailed;
+  }
+  closeLocked();  // Start afresh next time: the file may have been repaired or replaced.
+  return Outcome::kFailed;
+}
+
+bool SQLiteUserDefaults::moveAsideLocked(std::string* error) {
+  // The damaged file is kept beside a new one, under the first free ".corrupt" name, with its
+  // journal, so that nothing in it is lost and the defaults work again.
+  std::filesystem::path aside = path_.string() + ".corrupt";
+  std::error_code ec;
+  for (int n = 1; std::filesystem::exists(aside, ec) && n < 100; ++n) {
+    aside = path_.string() + ".corrupt." + std::to_string(n);
+  }
+  std::filesystem::rename(path_, aside, ec);
+  if (ec) {
+    *error += "; moving it aside failed: " + ec.message();
+    return false;
+  }
+  std::error_code journal;
+  std::filesystem::rename(path_.string() + "-journal", aside.string() + "-journal", journal);
+  if (log_) {
+    log_("ZBIAP user defaults: " + path_.string() + " is damaged (" + *error + "); moved to " +
+         aside.string() + ", a new file takes its place");
+  }
   return true;
 }
 
@@ -120,11 +171,10 @@ void SQLiteUserDefaults::logFailure(std::string_view what, std::string_view key,
 std::optional<SQLiteUserDefaults::Read> SQLiteUserDefaults::read(std::string_view key) {
   std::lock_guard<std::mutex> lock(mu_);
   std::string error;
-  int rc = SQLITE_OK;
-  if (ensureOpen(&error)) {
+  for (int attempt = 0; attempt < 2 && ensureOpen(&error); ++attempt) {
     Statement stmt(db_, kSelect);
+    int rc = stmt.prepareResult();
     if (!stmt.ok()) {
-      rc = stmt.prepareResult();
       if (isMissingTable(db_)) return std::nullopt;  // A new, empty store.
     } else {
       stmt.bindText(1, key);
@@ -145,8 +195,7 @@ std::optional<SQLiteUserDefaults::Read> SQLiteUserDefaults::read(std::string_vie
         return result;
       }
     }
-    error = errorText(db_, rc);
-    closeLocked();  // Start afresh next time: the file may have been repaired or replaced.
+    if (failedLocked(rc, &error) != Outcome::kRetry) break;
   }
   if (!readFailureLogged_) {
     readFailureLogged_ = true;
@@ -160,37 +209,33 @@ bool SQLiteUserDefaults::write(std::string_view key, const void* bytes, size_t s
   std::lock_guard<std::mutex> lock(mu_);
   const char* what = remove ? "remove" : "write";
   std::string error;
-  if (!ensureOpen(&error)) {
-    logFailure(what, key, error);
-    return false;
-  }
-  if (!schemaReady_) {
-    int rc = sqlite3_exec(db_, kSchema, nullptr, nullptr, nullptr);
-    if (rc != SQLITE_OK) {
-      logFailure(what, key, errorText(db_, rc));
-      closeLocked();
-      return false;
+  for (int attempt = 0; attempt < 2 && ensureOpen(&error); ++attempt) {
+    int rc = SQLITE_OK;
+    if (!schemaReady_) {
+      rc = sqlite3_exec(db_, kSchema, nullptr, nullptr, nullptr);
+      schemaReady_ = rc == SQLITE_OK;
     }
-    schemaReady_ = true;
-  }
-  Statement stmt(db_, remove ? kDelete : kUpsert);
-  int rc = stmt.prepareResult();
-  if (stmt.ok()) {
-    stmt.bindText(1, key);
-    if (!remove) {
-      if (kind == Kind::kString) {
-        stmt.bindText(2, std::string_view(static_cast<const char*>(bytes), size));
-      } else if (size == 0) {
-        sqlite3_bind_zeroblob(stmt.get(), 2, 0);  // A null pointer would bind SQL NULL.
-      } else {
-        sqlite3_bind_blob64(stmt.get(), 2, bytes, size, SQLITE_STATIC);
+    if (schemaReady_) {
+      Statement stmt(db_, remove ? kDelete : kUpsert);
+      rc = stmt.prepareResult();
+      if (stmt.ok()) {
+        stmt.bindText(1, key);
+        if (!remove) {
+          if (kind == Kind::kString) {
+            stmt.bindText(2, std::string_view(static_cast<const char*>(bytes), size));
+          } else if (size == 0) {
+            sqlite3_bind_zeroblob(stmt.get(), 2, 0);  // A null pointer would bind SQL NULL.
+          } else {
+            sqlite3_bind_blob64(stmt.get(), 2, bytes, size, SQLITE_STATIC);
+          }
+        }
+        rc = sqlite3_step(stmt.get());
+        if (rc == SQLITE_DONE) return true;
       }
     }
-    rc = sqlite3_step(stmt.get());
-    if (rc == SQLITE_DONE) return true;
+    if (failedLocked(rc, &error) != Outcome::kRetry) break;
   }
-  logFailure(what, key, errorText(db_, rc));
-  closeLocked();
+  logFailure(what, key, error);
   return false;
 }
 

@@ -1,19 +1,44 @@
 #include "zbiap/store/compound_store.h"
 
 #include <algorithm>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <utility>
 
 #include "foundation/object_lists.h"
 
 namespace {
 
-// One fanned-out call: its own lock, the number of answers so far and the joined result. The
-// last answer calls the caller's completion with the lock still held.
+// One fanned-out call: its own lock, the number of answers so far and the joined result. Each
+// store's completion folds its answer into the join under the call's lock, on whatever thread
+// the store answers; the last one then finishes the call, the lock still held.
 template <typename Join>
-struct FanOut {
-  std::mutex mutex;
-  size_t answers = 0;
-  Join join;
+class FanOut : public std::enable_shared_from_this<FanOut<Join>> {
+ public:
+  static std::shared_ptr<FanOut> start(size_t stores, std::function<void(Join&)> finish) {
+    return std::shared_ptr<FanOut>(new FanOut(stores, std::move(finish)));
+  }
+
+  // A completion for one store: `fold(join, answer...)` with that store's answer.
+  template <typename Fold>
+  auto answer(Fold fold) {
+    return [call = this->shared_from_this(), fold = std::move(fold)](auto... answer) {
+      std::lock_guard lock(call->mutex_);
+      fold(call->join_, std::move(answer)...);
+      if (++call->answers_ == call->stores_) call->finish_(call->join_);
+    };
+  }
+
+ private:
+  FanOut(size_t stores, std::function<void(Join&)> finish)
+      : stores_(stores), finish_(std::move(finish)) {}
+
+  std::mutex mutex_;
+  const size_t stores_;
+  size_t answers_ = 0;
+  Join join_;
+  const std::function<void(Join&)> finish_;
 };
 
 }  // namespace
@@ -115,25 +140,22 @@ void ZBIAPCompoundStore::queryStoreCountryWithProductIdentifier(
     std::optional<std::string> country;
     ZBIAPErrorPtr error;
   };
-  auto call = std::make_shared<FanOut<Join>>();
-  const size_t count = stores_.size();
-  const ZBIAPStore* first = count > 0 ? stores_.front().get() : nullptr;
+  auto call = FanOut<Join>::start(stores_.size(), [completion](Join& join) {
+    if (!completion) return;
+    if (join.error) {
+      completion(std::nullopt, join.error);
+    } else {
+      completion(join.country, nullptr);
+    }
+  });
   for (const std::shared_ptr<ZBIAPStore>& store : stores_) {
-    const ZBIAPStore* answering = store.get();
+    const bool first = store == stores_.front();
     store->queryStoreCountryWithProductIdentifier(
-        productIdentifier, [call, count, first, answering, completion](
-                               std::optional<std::string> country, ZBIAPErrorPtr error) {
-          std::lock_guard lock(call->mutex);
-          ++call->answers;
-          if (country && answering == first) call->join.country = std::move(country);
-          if (error) call->join.error = std::move(error);
-          if (call->answers != count || !completion) return;
-          if (call->join.error) {
-            completion(std::nullopt, call->join.error);
-          } else {
-            completion(call->join.country, nullptr);
-          }
-        });
+        productIdentifier, call->answer([first](Join& join, std::optional<std::string> country,
+                                                ZBIAPErrorPtr error) {
+          if (country && first) join.country = std::move(country);
+          if (error) join.error = std::move(error);
+        }));
   }
 }
 
@@ -143,23 +165,22 @@ void ZBIAPCompoundStore::queryProducts(const std::vector<std::string>& productId
     std::vector<ZBIAPStoreProductPtr> products;
     ZBIAPErrorPtr error;
   };
-  auto call = std::make_shared<FanOut<Join>>();
-  const size_t count = stores_.size();
+  auto call = FanOut<Join>::start(stores_.size(), [completion](Join& join) {
+    if (!completion) return;
+    if (join.error) {
+      completion({}, join.error);
+    } else {
+      completion(join.products, nullptr);
+    }
+  });
   for (const std::shared_ptr<ZBIAPStore>& store : stores_) {
-    store->queryProducts(
-        productIdentifiers,
-        [call, count, completion](std::vector<ZBIAPStoreProductPtr> products, ZBIAPErrorPtr error) {
-          std::lock_guard lock(call->mutex);
-          ++call->answers;
-          call->join.products.insert(call->join.products.end(), products.begin(), products.end());
-          if (error) call->join.error = std::move(error);
-          if (call->answers != count || !completion) return;
-          if (call->join.error) {
-            completion({}, call->join.error);
-          } else {
-            completion(call->join.products, nullptr);
-          }
-        });
+    store->queryProducts(productIdentifiers,
+                         call->answer([](Join& join, std::vector<ZBIAPStoreProductPtr> products,
+                                         ZBIAPErrorPtr error) {
+                           join.products.insert(join.products.end(), products.begin(),
+                                                products.end());
+                           if (error) join.error = std::move(error);
+                         }));
   }
 }
 
@@ -168,23 +189,21 @@ void ZBIAPCompoundStore::restorePurchasesWithCompletion(RestoreCompletion comple
     ZBIAPStoreRestoreResult result = ZBIAPStoreRestoreResultUnchanged;
     ZBIAPErrorPtr error;
   };
-  auto call = std::make_shared<FanOut<Join>>();
-  const size_t count = stores_.size();
+  // The error, if any, is passed even when the joined result is not a failure.
+  auto call = FanOut<Join>::start(stores_.size(), [completion](Join& join) {
+    if (completion) completion(join.result, join.error);
+  });
   for (const std::shared_ptr<ZBIAPStore>& store : stores_) {
     store->restorePurchasesWithCompletion(
-        [call, count, completion](ZBIAPStoreRestoreResult result, ZBIAPErrorPtr error) {
-          std::lock_guard lock(call->mutex);
-          ++call->answers;
+        call->answer([](Join& join, ZBIAPStoreRestoreResult result, ZBIAPErrorPtr error) {
           if (result == ZBIAPStoreRestoreResultFailed) {
-            call->join.result = ZBIAPStoreRestoreResultFailed;
+            join.result = ZBIAPStoreRestoreResultFailed;
           } else if (result == ZBIAPStoreRestoreResultChanged &&
-                     call->join.result != ZBIAPStoreRestoreResultFailed) {
-            call->join.result = ZBIAPStoreRestoreResultChanged;
+                     join.result != ZBIAPStoreRestoreResultFailed) {
+            join.result = ZBIAPStoreRestoreResultChanged;
           }
-          if (error) call->join.error = std::move(error);
-          // The error, if any, is passed even when the joined result is not a failure.
-          if (call->answers == count && completion) completion(call->join.result, call->join.error);
-        });
+          if (error) join.error = std::move(error);
+        }));
   }
 }
 
@@ -193,33 +212,29 @@ void ZBIAPCompoundStore::refreshReceiptWithCompletion(SuccessCompletion completi
     bool success = true;
     ZBIAPErrorPtr error;
   };
-  auto call = std::make_shared<FanOut<Join>>();
-  const size_t count = stores_.size();
+  auto call = FanOut<Join>::start(stores_.size(), [completion](Join& join) {
+    if (completion) completion(join.success, join.error);
+  });
   for (const std::shared_ptr<ZBIAPStore>& store : stores_) {
     store->refreshReceiptWithCompletion(
-        [call, count, completion](bool success, ZBIAPErrorPtr error) {
-          std::lock_guard lock(call->mutex);
-          ++call->answers;
-          if (!success) call->join.success = false;
-          if (error) call->join.error = std::move(error);
-          if (call->answers == count && completion)
-            completion(call->join.success, call->join.error);
-        });
+        call->answer([](Join& join, bool success, ZBIAPErrorPtr error) {
+          if (!success) join.success = false;
+          if (error) join.error = std::move(error);
+        }));
   }
 }
 
 void ZBIAPCompoundStore::restoreCompoundPurchasesWithCompletion(
     CompoundRestoreCompletion completion) {
-  auto call = std::make_shared<FanOut<std::vector<ZBIAPCompoundStoreResultPtr>>>();
-  const size_t count = stores_.size();
+  using Join = std::vector<ZBIAPCompoundStoreResultPtr>;
+  auto call = FanOut<Join>::start(stores_.size(), [completion](Join& join) {
+    if (completion) completion(join);
+  });
   for (const std::shared_ptr<ZBIAPStore>& store : stores_) {
     store->restorePurchasesWithCompletion(
-        [call, count, completion, store](ZBIAPStoreRestoreResult result, ZBIAPErrorPtr error) {
-          std::lock_guard lock(call->mutex);
-          ++call->answers;
-          call->join.push_back(ZBIAPCompoundStoreResult::initWithStore(store, result, error));
-          if (call->answers == count && completion) completion(call->join);
-        });
+        call->answer([store](Join& join, ZBIAPStoreRestoreResult result, ZBIAPErrorPtr error) {
+          join.push_back(ZBIAPCompoundStoreResult::initWithStore(store, result, error));
+        }));
   }
 }
 

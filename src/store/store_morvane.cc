@@ -18,16 +18,6 @@ constexpr int kStatusUnauthorized = 401;
 
 using Lock = std::lock_guard<std::recursive_mutex>;
 
-// Runs `task` now when the caller is on the main thread, else posts it to the main queue.
-void runOnMainThread(zbiap::Task task) {
-  zbiap::MainQueue& queue = zbiap::Platform::current().mainQueue();
-  if (queue.isMainThread()) {
-    task();
-  } else {
-    queue.post(std::move(task));
-  }
-}
-
 // `base` with `component` appended to its path, as NSURL's URLByAppendingPathComponent: one
 // slash between the two, the query and fragment kept after the path, and "/" as the path of a
 // URL that has none.
@@ -193,7 +183,7 @@ void ZBIAPStoreMorvane::private_getIAPsWithCompletion(RestoreCompletion completi
     return;
   }
   if (!delegate->shouldQueryInAppPurchasesForStore(*this)) {
-    runOnMainThread([completion = std::move(completion)] {
+    zbiap::runOnMainThread([completion = std::move(completion)] {
       if (completion) completion(ZBIAPStoreRestoreResultUnchanged, nullptr);
     });
     return;
@@ -205,7 +195,7 @@ void ZBIAPStoreMorvane::private_getIAPsWithCompletion(RestoreCompletion completi
       [self = shared_from_this(), completion = std::move(completion), isRetry, answered](
           ZBIAPStoreMorvaneHeaders headers, ZBIAPErrorPtr error) mutable {
         if (answered->exchange(true)) return;
-        runOnMainThread([self, completion = std::move(completion), isRetry,
+        zbiap::runOnMainThread([self, completion = std::move(completion), isRetry,
                          headers = std::move(headers), error = std::move(error)] {
           if (error) {
             ZBIAP_LOG(self->logger_, "Failed to get additional headers: {}", error->description());
@@ -230,7 +220,7 @@ void ZBIAPStoreMorvane::private_getIAPsWithAddtionalHeaders(const ZBIAPStoreMorv
       std::move(request),
       [self = shared_from_this(), completion = std::move(completion), isRetry](
           std::shared_ptr<const zbiap::HttpResponse> response, ZBIAPErrorPtr error) mutable {
-        runOnMainThread([self, completion = std::move(completion), isRetry,
+        zbiap::runOnMainThread([self, completion = std::move(completion), isRetry,
                          response = std::move(response), error = std::move(error)] {
           if (error) {
             ZBIAP_LOG(self->logger_, "Querying IAPs failed: {}", error->description());

@@ -40,7 +40,12 @@ class CliTest : public ::testing::Test {
 
   // `arguments` go through the shell as they are: quote what needs it.
   CliOutcome run(const std::string& arguments, const std::string& stdinFile = "") {
-    std::string command = std::string("'") + ZBIAP_CLI_PATH + "' " + arguments + " >'" +
+    return runProgram(ZBIAP_CLI_PATH, arguments, stdinFile);
+  }
+  // Any program; `environment` ("NAME=value ...", quoted as needed) is set for it alone.
+  CliOutcome runProgram(const std::string& program, const std::string& arguments,
+                        const std::string& stdinFile = "", const std::string& environment = "") {
+    std::string command = environment + " '" + program + "' " + arguments + " >'" +
                           (dir_ / "out").string() + "' 2>'" + (dir_ / "err").string() + "'";
     if (!stdinFile.empty()) command += " <'" + stdinFile + "'";
     int status = std::system(command.c_str());

@@ -2,6 +2,7 @@
 #include "zbiap/devserver/account_server.h"
 
 #include <gtest/gtest.h>
+#include <httplib.h>
 
 #include <future>
 #include <string>
@@ -115,8 +116,16 @@ TEST(AccountServerSetupTest, BasePathAndDates) {
   EXPECT_EQ(server.baseURL(), "http://127.0.0.1:" + std::to_string(server.port()) + "/api/");
   EXPECT_EQ(AccountServer::rfc3339(kMarch), "2024-03-05T10:13:50Z");
   EXPECT_EQ(AccountServer::rfc3339(Date::fromMicrosSince1970(0)), "1970-01-01T00:00:00Z");
+  EXPECT_EQ(AccountServer::rfc3339(Date::fromMicrosSince1970(253402300800LL * 1000000)),
+            "10000-01-01T00:00:00Z");
   server.stop();
   server.stop();  // twice is fine
+  // Started again, it listens again.
+  ASSERT_TRUE(server.start());
+  httplib::Client client("127.0.0.1", server.port());
+  auto answer = client.Get("/api/v1/users/products");
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, 401);
 }
 
 }  // namespace

@@ -129,7 +129,7 @@ TEST_F(DefaultsFaultTest, LockedByAnotherProcess) {
   EXPECT_EQ(relaunchedCatalogue(), (std::vector<std::string>{"a", "b", "c"}));
 }
 
-TEST_F(DefaultsFaultTest, DamagedFileIsLeftAsItIs) {
+TEST_F(DefaultsFaultTest, DamagedFileIsMovedAsideAndCachingGoesOn) {
   std::string garbage;
   for (int i = 0; i < 8192; ++i) garbage += static_cast<char>((i * 7919) % 251);
   platform_->reopenUserDefaults();
@@ -142,8 +142,10 @@ TEST_F(DefaultsFaultTest, DamagedFileIsLeftAsItIs) {
   startReady(a_);
   EXPECT_EQ(refresh(ab_), nullptr);
   EXPECT_EQ(ids(), (std::vector<std::string>{"a", "b"}));
-  // Whatever the file holds, the library does not destroy it.
-  EXPECT_EQ(fileBytes(), garbage);
+  // The damaged file is kept beside a new one, which caches the catalogue again.
+  std::ifstream aside(platform_->userDefaultsPath().string() + ".corrupt", std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(aside), {}), garbage);
+  EXPECT_EQ(relaunchedCatalogue(), (std::vector<std::string>{"a", "b"}));
 }
 
 TEST_F(DefaultsFaultTest, ReadOnlyFileKeepsWhatItHas) {

@@ -252,21 +252,26 @@ TEST_F(SQLiteUserDefaultsTest, ALockedFileReadsAbsentAndRefusesWritesUntilReleas
   EXPECT_EQ(defaults->stringForKey("kept"), "new");
 }
 
-TEST_F(SQLiteUserDefaultsTest, ADamagedFileIsNeverOverwritten) {
+TEST_F(SQLiteUserDefaultsTest, ADamagedFileIsMovedAsideAndANewOneStarted) {
   std::filesystem::create_directories(path_.parent_path());
   std::string garbage;
   for (int i = 0; i < 4096; ++i) garbage += static_cast<char>((i * 7919) % 251);
-  {
-    std::ofstream out(path_, std::ios::binary);
-    out << garbage;
+  for (const char* aside : {".corrupt", ".corrupt.1"}) {
+    {
+      std::ofstream out(path_, std::ios::binary);
+      out << garbage;
+    }
+    auto defaults = open();
+    EXPECT_EQ(defaults->stringForKey("k"), std::nullopt);
+    EXPECT_TRUE(defaults->setString("k", "v"));
+    EXPECT_EQ(defaults->stringForKey("k"), "v");
+    // The damaged data is kept, under the first free name, and said once.
+    std::ifstream in(path_.string() + aside, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), garbage) << aside;
+    ASSERT_EQ(log().size(), 1u);
+    EXPECT_NE(log()[0].find("is damaged"), std::string::npos);
+    log_.clear();
   }
-  auto defaults = open();
-  EXPECT_EQ(defaults->stringForKey("k"), std::nullopt);
-  EXPECT_EQ(defaults->dataForKey("k"), std::nullopt);
-  EXPECT_FALSE(defaults->setString("k", "v"));
-  EXPECT_FALSE(defaults->setData("k", Data{1}));
-  EXPECT_GE(log().size(), 2u);
-  EXPECT_EQ(fileBytes(), garbage);
 }
 
 TEST_F(SQLiteUserDefaultsTest, APathThatCannotBeAFileFailsCleanly) {

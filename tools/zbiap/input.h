@@ -10,8 +10,9 @@
 
 namespace zbiap::cli {
 
-// The largest input a command takes: far above any receipt, catalogue or StoreKit file.
-inline constexpr size_t kMaxInputBytes = size_t{64} << 20;
+// The largest input a command takes: far above any receipt or StoreKit file, and room for a
+// catalogue a hundred times the size of a large one.
+inline constexpr size_t kMaxInputBytes = size_t{512} << 20;
 
 // The bytes of the file named `name` (standard input for "-"). Regular files are read with one
 // read of their size; pipes and standard input in chunks, up to kMaxInputBytes. A directory, a

@@ -6,7 +6,9 @@
 // Callers that ask while a fetch runs join it: one request serves them all and every one of them
 // receives the same outcome, in the order they asked. Server answers are handled and delivered on
 // the HTTP client's network thread, bundle loads on the calling thread before the call returns;
-// the fetcher never switches to the main thread. A failure callback may receive a null error.
+// the fetcher never switches to the main thread. Every fetcher made without an HTTP client of
+// its own shares the process's one network thread with the account store: a callback that
+// blocks there delays every other answer, so hand long work to another thread. A failure callback may receive a null error.
 // The fetcher holds its owner weakly and stays alive until a running request has answered.
 #ifndef ZBIAP_CATALOG_PRODUCT_INFO_V1_FETCHER_H_
 #define ZBIAP_CATALOG_PRODUCT_INFO_V1_FETCHER_H_

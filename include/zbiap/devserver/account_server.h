@@ -59,7 +59,8 @@ class AccountServer {
   AccountServer& operator=(const AccountServer&) = delete;
 
   // Binds 127.0.0.1 (at `port`, or a port the kernel picks when 0) and serves on a thread of
-  // its own; false when binding failed. Connections are accepted as soon as it returns.
+  // its own; false when binding failed. Connections are accepted as soon as it returns. After
+  // stop() it binds anew.
   bool start(int port = 0);
   void stop();
   int port() const;
@@ -80,7 +81,8 @@ class AccountServer {
   void enqueueResponse(int status, std::string body, std::string contentType = "application/json");
   size_t pendingResponses() const;
 
-  // The requests served so far, oldest first.
+  // The latest requests served (at most 1,000: a long-running server keeps no more), oldest
+  // first, and how many were served in all.
   std::vector<Request> requests() const;
   size_t requestCount() const;
   void clearRequests();

@@ -24,8 +24,8 @@ inline constexpr char kNSCocoaErrorDomain[] = "NSCocoaErrorDomain";
 
 }  // namespace zbiap
 
-// Spec-named types carry the ZBIAP prefix and live in the global namespace; helpers of our own
-// live in namespace zbiap.
+// The library's public types carry the ZBIAP prefix and live in the global namespace; helpers
+// of our own live in namespace zbiap.
 class ZBIAPError;
 using ZBIAPErrorPtr = std::shared_ptr<const ZBIAPError>;
 

@@ -1,6 +1,6 @@
 // zbiap::Value: the one dynamic value of the library, Foundation's `id` for data.
 //
-// A Value is nil (no value at all: a missing key, Objective-C's nil), null (NSNull, a JSON
+// A Value is nil (no value at all: a missing key, an absent object), null (NSNull, a JSON
 // null: a present key), a boolean, an integer, a real, a decimal, a string, a date, data, an
 // array or a dictionary. Values are immutable in spirit and cheap to copy: arrays, dictionaries,
 // strings and data share their storage; the mutating members copy on write.

@@ -83,6 +83,9 @@ class Platform {
   virtual void systemLog(std::string_view line) = 0;
 };
 
+// Runs `task` at once when called on the main queue's thread, else posts it to the main queue.
+void runOnMainThread(Task task);
+
 }  // namespace zbiap
 
 #endif  // ZBIAP_PLATFORM_PLATFORM_H_

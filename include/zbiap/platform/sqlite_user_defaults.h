@@ -1,10 +1,12 @@
 // zbiap::SQLiteUserDefaults: the standard user defaults kept in one SQLite file.
 //
 // Strings and data live in one table; every write is its own committed transaction with a
-// synchronous rollback journal, so a crash leaves each key at its old or its new value. A
-// locked, read-only or damaged file never crashes or blocks for long: reads answer "absent",
-// writes write one line to the log sink and return false, and the file is left as it is (a damaged
-// file is never replaced, so nothing in it is lost). Thread-safe.
+// rollback journal synced with its directory, so a crash or a power cut leaves each key at its
+// old or its new value. A locked or read-only file never crashes or blocks for long: reads
+// answer "absent", writes write one line to the log sink and return false, and the file is left
+// as it is; the calls that follow a lock's time-out within one busy time do not wait again. A
+// damaged file is moved aside (renamed "<file>.corrupt", its data kept) with a log line, and a
+// new file takes its place. Thread-safe.
 #ifndef ZBIAP_PLATFORM_SQLITE_USER_DEFAULTS_H_
 #define ZBIAP_PLATFORM_SQLITE_USER_DEFAULTS_H_
 
@@ -51,7 +53,13 @@ class SQLiteUserDefaults final : public UserDefaults {
   enum class Kind { kString, kData };
   struct Read;
   // Both with mu_ held.
+  enum class Outcome { kFailed, kRetry };
   bool ensureOpen(std::string* error);
+  bool prepareForStatement();
+  // Sets `error` for a failed statement's `rc` and decides: keep the connection (a lock), move a
+  // damaged file aside and try once more, or close and start afresh at the next call.
+  Outcome failedLocked(int rc, std::string* error);
+  bool moveAsideLocked(std::string* error);
   void closeLocked();
   std::optional<Read> read(std::string_view key);
   bool write(std::string_view key, const void* bytes, size_t size, Kind kind, bool remove);
@@ -63,7 +71,10 @@ class SQLiteUserDefaults final : public UserDefaults {
   std::mutex mu_;
   sqlite3* db_ = nullptr;
   bool schemaReady_ = false;
+  bool durable_ = false;  // the durability pragma has run on this connection
   bool readFailureLogged_ = false;
+  // Until then, statements do not wait for another connection's lock.
+  std::chrono::steady_clock::time_point quietUntil_;
 };
 
 // Where the defaults of the application `app` live when the host names no file:

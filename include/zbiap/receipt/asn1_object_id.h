@@ -19,8 +19,8 @@ class ZBIAPASN1ObjectID {
  public:
   // From content octets. Absolute identifiers take their first two arcs from the first octet
   // (b / 40 and b % 40); every other arc is a base-128 sub-identifier, and one with a zero
-  // group (0, 128, ...) cannot be read, so the whole identifier is null. The parameter name
-  // keeps the original spelling of the selector ("isRelativ").
+  // group (0, 128, ...) cannot be read, so the whole identifier is null. The parameter is
+  // spelled "isRelativ", as the interface has always spelled it.
   static std::shared_ptr<ZBIAPASN1ObjectID> fromASN1Data(const uint8_t* data, size_t length,
                                                          bool isRelativ);
   // From dotted decimal text ("1.2.840"); empty pieces are skipped, a piece that is not a
@@ -31,7 +31,7 @@ class ZBIAPASN1ObjectID {
   static std::optional<ZBIAPASN1ObjectID> parse(const uint8_t* data, size_t length, bool isRelativ);
 
   bool isRelative() const { return relative_; }
-  // Declared for compatibility with the original interface; never set, always nullopt.
+  // Part of the interface for hosts that read it; the parser never sets it, so always nullopt.
   const std::optional<std::string>& asn1StringValue() const { return asn1StringValue_; }
   const std::vector<uint64_t>& nodes() const { return nodes_; }
   // The arcs joined by "." ("1.2.840"), without a leading dot for relative identifiers.

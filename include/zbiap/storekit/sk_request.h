@@ -5,7 +5,7 @@
 // too until it has answered). start() hands the request to the current StoreKit binding, which
 // calls the delegate later on the main queue: productsRequest() with the response, then
 // requestDidFinish(), or request() with an error. Associated objects let the starter hang its
-// own data on a request, as Objective-C's associated objects do. Thread-safe.
+// own data on a request (keyed by an address of its own). Thread-safe.
 #ifndef ZBIAP_STOREKIT_SK_REQUEST_H_
 #define ZBIAP_STOREKIT_SK_REQUEST_H_
 
