@@ -6,7 +6,8 @@
 //         [--signature-key B64] [--country CC] [--json]
 //
 // check and fetch exit 0 when the answer is accepted and 1 when it is rejected; verify 0 for a
-// valid signature and 1 for an invalid one; all three 2 on bad usage.
+// valid signature and 1 for an invalid one; all three 2 on bad usage. sign and preview, the
+// vendor's side, live in catalog_sign.cc and catalog_preview.cc.
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -18,6 +19,7 @@
 #include <optional>
 #include <string>
 
+#include "catalog_preview.h"
 #include "catalog_report.h"
 #include "catalog_sign.h"
 #include "commands.h"
@@ -36,6 +38,7 @@ constexpr char kUsage[] =
     "       zbiap catalog verify --signature-key B64 --signature B64 FILE\n"
     "       zbiap catalog sign --key PRIVATE.pem [--out DIR] [--nginx [--base-path PATH]\n"
     "                          [--listen ADDR]] FILE\n"
+    "       zbiap catalog preview [--lang CODE] [--storefront ABC] [--storekit FILE] FILE\n"
     "       zbiap catalog fetch --base-url URL --accept TEXT --consumer-key K\n"
     "                           --consumer-secret S [--signature-key B64] [--country CC] "
     "[--json]\n";
@@ -189,12 +192,14 @@ int run(const Args& args) {
   if (args[0] == "verify") return verify(rest);
   if (args[0] == "fetch") return fetch(rest);
   if (args[0] == "sign") return catalogSign(rest);
+  if (args[0] == "preview") return catalogPreview(rest);
   std::fprintf(stderr, "zbiap catalog: unknown subcommand '%s'\n%s", args[0].c_str(), kUsage);
   return 2;
 }
 
 }  // namespace
 
-ZBIAP_REGISTER_COMMAND(catalog, "catalog", "check, verify, fetch or sign a catalogue answer", run);
+ZBIAP_REGISTER_COMMAND(catalog, "catalog",
+                       "check, verify, fetch, sign or preview a catalogue answer", run);
 
 }  // namespace zbiap::cli

@@ -59,6 +59,15 @@ AnswerReading::~AnswerReading() {
   Platform::install(nullptr);
 }
 
+std::string productElementName(const Value& answer, const Value& index) {
+  std::string name = "products[" + toJSON(index) + "]";
+  if (std::optional<int64_t> at = index.int64Value(); at && *at >= 0) {
+    const Value& identifier = answer["products"][static_cast<size_t>(*at)]["identifier"];
+    if (identifier.isString()) name += " (" + *identifier.asString() + ")";
+  }
+  return name;
+}
+
 std::string errorText(const ZBIAPErrorPtr& error) {
   if (!error) return "unknown error";
   if (const std::string* text = error->userInfo()[ZBIAPErrorInternalDescriptionKey].asString()) {

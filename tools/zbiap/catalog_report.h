@@ -82,6 +82,10 @@ class AnswerReading {
   std::unique_ptr<CatalogReport> report_;
 };
 
+// "products[2] (com.example.x)": the element of the answer's "products" at `index` (a report's
+// "index"), named as its author finds it in the file.
+std::string productElementName(const Value& answer, const Value& index);
+
 // The text a catalogue author reads for a fetch or parse error: the fetcher's own description
 // of what was wrong with the answer when it gave one, else the error's description.
 std::string errorText(const ZBIAPErrorPtr& error);

@@ -53,17 +53,6 @@ std::string replaceFile(const fs::path& path, const std::string& bytes) {
   return {};
 }
 
-// "products[1] (com.example.x)": the element as the author finds it in the file.
-std::string productName(const Value& answer, const Value& product) {
-  const Value& index = product["index"];
-  std::string name = "products[" + toJSON(index) + "]";
-  if (std::optional<int64_t> at = index.int64Value(); at && *at >= 0) {
-    const Value& identifier = answer["products"][static_cast<size_t>(*at)]["identifier"];
-    if (identifier.isString()) name += " (" + *identifier.asString() + ")";
-  }
-  return name;
-}
-
 // Prints the reading's objections; whether the answer may be signed.
 bool reviewed(const std::string& bytes) {
   const Value report = AnswerReading(bytes).report().toValue();
@@ -71,7 +60,7 @@ bool reviewed(const std::string& bytes) {
   const bool refused = !report["error"].isNull();
   for (const Value& product : *report["products"].asArray()) {
     if (product["accepted"] == Value(true)) continue;
-    const std::string name = productName(answer, product);
+    const std::string name = productElementName(answer, product["index"]);
     std::fprintf(stderr, "zbiap catalog sign: %s: %s is rejected by apps\n",
                  refused ? "error" : "warning", name.c_str());
     for (const Value& message : *product["messages"].asArray()) {
