@@ -55,7 +55,8 @@ def injection_catalogue():
     # One the app rejects, named by a vector, for the rejected list.
     products.append({"identifier": VECTORS[0], "inactive": False})
     return {
-        "gold_description": {"en": "".join(VECTORS)},
+        # Nesting this deep would keep the HTML parser busy for minutes: shown as text instead.
+        "gold_description": {"en": "".join(VECTORS) + "<div>" * 100000},
         "feature_groups": {"g": {"title": {"en": VECTORS[1]}}},
         "features_metadata": [{"identifier": "f", "metadata": {"title": {"en": VECTORS[2]}}}],
         "products": products,

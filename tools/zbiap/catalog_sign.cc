@@ -15,6 +15,8 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "catalog_report.h"
 #include "input.h"
@@ -34,23 +36,27 @@ constexpr char kUsage[] =
 // A language code no catalogue has texts for: the reading falls back to German throughout.
 constexpr char kNoLanguage[] = "zz";
 
-// Writes `bytes` to `path` through a temporary file and a rename, so that a server reading the
-// file sees the old answer or the new one, never half of one. The reason when it fails.
-std::string replaceFile(const fs::path& path, const std::string& bytes) {
-  fs::path temporary = path;
-  temporary += ".new";
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    out << bytes;
-    if (!out.flush()) return temporary.string() + ": cannot be written";
-  }
+// Writes each file through a temporary file and a rename: a server reading one sees the old
+// answer or the new one, never half of one, and when a write fails no file has changed yet.
+// The reason when it fails.
+std::string replaceFiles(const std::vector<std::pair<fs::path, std::string>>& files) {
+  auto temporary = [](fs::path path) { return path += ".new"; };
   std::error_code error;
-  fs::rename(temporary, path, error);
-  if (error) {
-    fs::remove(temporary, error);
-    return path.string() + ": cannot be written";
+  std::string failure;
+  for (const auto& [path, bytes] : files) {
+    std::ofstream out(temporary(path), std::ios::binary | std::ios::trunc);
+    out << bytes;
+    if (!out.flush()) {
+      failure = temporary(path).string() + ": cannot be written";
+      break;
+    }
   }
-  return {};
+  for (const auto& [path, bytes] : files) {
+    if (failure.empty()) fs::rename(temporary(path), path, error);
+    if (error && failure.empty()) failure = path.string() + ": cannot be written";
+    if (!failure.empty()) fs::remove(temporary(path), error);
+  }
+  return failure;
 }
 
 // Prints the reading's objections; whether the answer may be signed.
@@ -88,6 +94,9 @@ int catalogSign(const Args& args) {
   parser.require("--key");
   std::vector<std::string> files;
   if (!parser.parse(args, &files, 1, 1)) return parser.exitCode();
+  if (!nginx && (!basePath.empty() || listen != "80")) {
+    return parser.fail("--base-path and --listen shape the nginx site: they need --nginx");
+  }
   const std::optional<std::string> bytes = readInput(files[0]);
   if (!bytes) return parser.fail("cannot read '" + files[0] + "'");
   const std::optional<std::string> pem = readInput(keyFile);
@@ -115,21 +124,21 @@ int catalogSign(const Args& args) {
 
   std::error_code fsError;
   const fs::path dir = fs::absolute(out, fsError);
-  fs::create_directories(dir, fsError);
-  if (fsError) {
-    std::fprintf(stderr, "zbiap catalog sign: %s: %s\n", out.c_str(), fsError.message().c_str());
-    return 1;
-  }
   std::optional<std::string> site;
   if (nginx) {
     site = nginxSiteFile(
         {listen, basePath, (dir / "answer.json").lexically_normal().string(), signature}, &error);
     if (!site) return parser.fail(error);
   }
-  std::string failure = replaceFile(dir / "answer.json", *bytes);
-  if (failure.empty()) failure = replaceFile(dir / "answer.signature", signature);
-  if (failure.empty() && site) failure = replaceFile(dir / "nginx-site.conf", *site);
-  if (!failure.empty()) {
+  if (!fsError) fs::create_directories(dir, fsError);
+  if (fsError) {
+    std::fprintf(stderr, "zbiap catalog sign: %s: %s\n", out.c_str(), fsError.message().c_str());
+    return 1;
+  }
+  std::vector<std::pair<fs::path, std::string>> written{{dir / "answer.json", *bytes},
+                                                        {dir / "answer.signature", signature}};
+  if (site) written.emplace_back(dir / "nginx-site.conf", *site);
+  if (std::string failure = replaceFiles(written); !failure.empty()) {
     std::fprintf(stderr, "zbiap catalog sign: %s\n", failure.c_str());
     return 1;
   }

@@ -92,6 +92,24 @@ class Writer {
     }
   }
 
+  // Text as it is, escaped in HTML.
+  void text(std::string_view text) {
+    if (html_) {
+      out_ += escapeHTML(text);
+      return;
+    }
+    // As a browser lays text out: runs of white space become one space. Control characters
+    // (a terminal's escape sequences among them) are dropped.
+    for (char c : text) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (c == ' ' || c == '\n' || c == '\t' || c == '\r' || c == '\f') {
+        if (!out_.empty() && out_.back() != ' ' && out_.back() != '\n') out_ += ' ';
+      } else if (byte >= 0x20 && byte != 0x7f) {
+        out_ += c;
+      }
+    }
+  }
+
   std::string take() {
     if (html_) return std::move(out_);
     // One line per block, trimmed, blank ones dropped.
@@ -146,28 +164,21 @@ class Writer {
     out_ += '>';
   }
 
-  void text(std::string_view text) {
-    if (html_) {
-      out_ += escapeHTML(text);
-      return;
-    }
-    // As a browser lays text out: runs of white space become one space. Control characters
-    // (a terminal's escape sequences among them) are dropped.
-    for (char c : text) {
-      const auto byte = static_cast<unsigned char>(c);
-      if (c == ' ' || c == '\n' || c == '\t' || c == '\r' || c == '\f') {
-        if (!out_.empty() && out_.back() != ' ' && out_.back() != '\n') out_ += ' ';
-      } else if (byte >= 0x20 && byte != 0x7f) {
-        out_ += c;
-      }
-    }
-  }
-
   const bool html_;
   std::string out_;
 };
 
+// The parser's work grows with the square of the nesting depth, and the writer recurses once per
+// level; a text with more tags than any store text needs is shown as text, unparsed.
+constexpr size_t kMostTags = 1000;
+
 std::string rewrite(std::string_view fragment, bool html) {
+  if (static_cast<size_t>(std::count(fragment.begin(), fragment.end(), '<')) > kMostTags) {
+    if (html) return escapeHTML(fragment);
+    Writer writer(false);
+    writer.text(fragment);
+    return writer.take();
+  }
   GumboOptions options = kGumboDefaultOptions;
   options.fragment_context = GUMBO_TAG_DIV;
   options.fragment_namespace = GUMBO_NAMESPACE_HTML;

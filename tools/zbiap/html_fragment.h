@@ -7,7 +7,8 @@
 // links (a) whose href is an http, https or mailto URL. Nothing that runs a script, loads
 // anything, or styles the page. Any other element, and a safe one with any other attribute,
 // shows as text: its tags exactly as written, then its content by the same rules. Comments are
-// dropped. Plain functions of their input; any thread.
+// dropped. A text of more than a thousand tags shows as text whole, unparsed, so that no input
+// keeps the parser busy for long. Plain functions of their input; any thread.
 #ifndef ZBIAP_TOOLS_HTML_FRAGMENT_H_
 #define ZBIAP_TOOLS_HTML_FRAGMENT_H_
 
