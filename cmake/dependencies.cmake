@@ -8,6 +8,8 @@ find_package(fmt REQUIRED)
 find_package(simdjson REQUIRED)
 find_package(ICU REQUIRED COMPONENTS uc i18n)
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+# The zbiap tool reads the catalogue's HTML with an HTML5 parser.
+pkg_check_modules(GUMBO REQUIRED IMPORTED_TARGET gumbo)
 if(ZBIAP_BUILD_TESTS)
   find_package(GTest REQUIRED)
 endif()

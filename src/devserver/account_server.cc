@@ -61,6 +61,7 @@ std::optional<std::string> bearerToken(const httplib::Request& request) {
 class AccountServer::Impl {
  public:
   explicit Impl(std::string basePath) : basePath_(std::move(basePath)) {
+    server_.set_tcp_nodelay(true);  // no wait for delayed acknowledgements between writes
     if (basePath_.empty() || basePath_.front() != '/') basePath_.insert(0, "/");
     if (basePath_.back() != '/') basePath_ += '/';
     server_.Get(basePath_ + kProductsPath,

@@ -2,9 +2,7 @@
 
 #include <httplib.h>
 #include <openssl/crypto.h>
-#include <openssl/evp.h>
 #include <openssl/rand.h>
-#include <openssl/x509.h>
 #include <strings.h>
 
 #include <atomic>
@@ -16,9 +14,9 @@
 #include <mutex>
 #include <thread>
 
-#include "catalog/base64.h"
 #include "catalog/oauth1_signer.h"
 #include "devserver/loopback_listener.h"
+#include "zbiap/devserver/answer_signing_key.h"
 #include "zbiap/foundation/json.h"
 
 namespace zbiap {
@@ -28,6 +26,8 @@ namespace {
 constexpr char kCatalogRoute[] = R"(/+api/v1/in_app_purchases/products_description)";
 constexpr char kSignatureHeader[] = "X-Tessil-Signature";
 constexpr size_t kKeptRequests = 256;
+// Smaller than a vendor's key: made afresh at every start, and quick to make.
+constexpr int kKeyBits = 2048;
 
 std::string randomHex(size_t bytes) {
   std::vector<uint8_t> random(bytes);
@@ -157,48 +157,23 @@ std::string jsonError(const std::string& message) {
 
 class CatalogServer::Impl {
  public:
-  Impl(std::string consumerKey, std::string consumerSecret, EVP_PKEY* key)
+  Impl(std::string consumerKey, std::string consumerSecret, std::unique_ptr<AnswerSigningKey> key)
       : consumerKey_(std::move(consumerKey)),
         consumerSecret_(std::move(consumerSecret)),
-        key_(key),
+        key_(std::move(key)),
         catalog_(exampleCatalog()) {
-    unsigned char* der = nullptr;
-    int length = i2d_PublicKey(key_, &der);
-    if (length > 0) publicKey_ = base64Encode(std::span<const uint8_t>(der, length));
-    OPENSSL_free(der);
+    // The answer's headers and body go out in separate writes; without this, each answer on a
+    // kept-alive connection waits some 40 ms for the client's delayed acknowledgement.
+    server_.set_tcp_nodelay(true);
     server_.Post(kCatalogRoute, [this](const httplib::Request& request,
                                        httplib::Response& response) { serve(request, response); });
   }
 
-  ~Impl() {
-    stop();
-    EVP_PKEY_free(key_);
-  }
-
-  bool valid() const { return !publicKey_.empty(); }
+  ~Impl() { stop(); }
 
   bool start(int port) { return listener_.start(port); }
   void stop() { listener_.stop(); }
   int port() const { return listener_.port(); }
-
-  std::string sign(std::string_view body) const {
-    EVP_MD_CTX* context = EVP_MD_CTX_new();
-    size_t length = 0;
-    std::vector<uint8_t> signature;
-    auto bytes = reinterpret_cast<const uint8_t*>(body.data());
-    if (context != nullptr &&
-        EVP_DigestSignInit(context, nullptr, EVP_sha256(), nullptr, key_) == 1 &&
-        EVP_DigestSign(context, nullptr, &length, bytes, body.size()) == 1) {
-      signature.resize(length);
-      if (EVP_DigestSign(context, signature.data(), &length, bytes, body.size()) == 1) {
-        signature.resize(length);
-      } else {
-        signature.clear();
-      }
-    }
-    EVP_MD_CTX_free(context);
-    return base64Encode(signature);
-  }
 
   void serve(const httplib::Request& request, httplib::Response& response) {
     Request seen;
@@ -213,7 +188,7 @@ class CatalogServer::Impl {
     if (seen.authorized) {
       std::string body = catalog();
       response.status = 200;
-      response.set_header(kSignatureHeader, sign(body));
+      response.set_header(kSignatureHeader, key_->sign(body));
       response.set_content(std::move(body), "application/json");
     } else {
       response.status = 401;
@@ -234,8 +209,7 @@ class CatalogServer::Impl {
 
   const std::string consumerKey_;
   const std::string consumerSecret_;
-  EVP_PKEY* const key_;
-  std::string publicKey_;
+  const std::unique_ptr<AnswerSigningKey> key_;
 
   mutable std::mutex mu_;  // guards catalog_, requests_ and requestCount_
   std::string catalog_;
@@ -253,10 +227,9 @@ std::unique_ptr<CatalogServer> CatalogServer::create(std::optional<std::string> 
   std::string key = consumerKey ? std::move(*consumerKey) : "dev-" + randomHex(8);
   std::string secret = consumerSecret ? std::move(*consumerSecret) : randomHex(16);
   if (key == "dev-" || (!consumerSecret && secret.empty())) return nullptr;
-  EVP_PKEY* rsa = EVP_RSA_gen(2048);
-  if (rsa == nullptr) return nullptr;
-  auto impl = std::make_unique<Impl>(std::move(key), std::move(secret), rsa);
-  if (!impl->valid()) return nullptr;
+  auto signingKey = AnswerSigningKey::generate(kKeyBits);
+  if (signingKey == nullptr) return nullptr;
+  auto impl = std::make_unique<Impl>(std::move(key), std::move(secret), std::move(signingKey));
   return std::unique_ptr<CatalogServer>(new CatalogServer(std::move(impl)));
 }
 
@@ -298,8 +271,8 @@ std::string CatalogServer::baseURL() const {
 }
 const std::string& CatalogServer::consumerKey() const { return impl_->consumerKey_; }
 const std::string& CatalogServer::consumerSecret() const { return impl_->consumerSecret_; }
-const std::string& CatalogServer::publicKeyBase64() const { return impl_->publicKey_; }
-std::string CatalogServer::sign(std::string_view body) const { return impl_->sign(body); }
+const std::string& CatalogServer::publicKeyBase64() const { return impl_->key_->publicKeyBase64(); }
+std::string CatalogServer::sign(std::string_view body) const { return impl_->key_->sign(body); }
 
 std::vector<CatalogServer::Request> CatalogServer::requests() const {
   std::lock_guard lock(impl_->mu_);

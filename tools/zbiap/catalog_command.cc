@@ -7,7 +7,7 @@
 //
 // check and fetch exit 0 when the answer is accepted and 1 when it is rejected; verify 0 for a
 // valid signature and 1 for an invalid one; all three 1 for a FILE they cannot read and 2 on bad
-// usage.
+// usage. sign and preview, the vendor's side, live in catalog_sign.cc and catalog_preview.cc.
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -17,7 +17,9 @@
 #include <optional>
 #include <string>
 
+#include "catalog_preview.h"
 #include "catalog_report.h"
+#include "catalog_sign.h"
 #include "commands.h"
 #include "input.h"
 #include "log_capture.h"
@@ -32,12 +34,13 @@ namespace {
 constexpr char kUsage[] =
     "usage: zbiap catalog check [--lang CODE] [--json] FILE\n"
     "       zbiap catalog verify --signature-key B64 --signature B64 FILE\n"
+    "       zbiap catalog sign --key PRIVATE.pem [--out DIR] [--nginx [--base-path PATH]\n"
+    "                          [--listen ADDR]] FILE\n"
+    "       zbiap catalog preview [--lang CODE] [--storefront ABC] [--storekit FILE] FILE\n"
     "       zbiap catalog fetch --base-url URL --accept TEXT --consumer-key K\n"
     "                           --consumer-secret S [--signature-key B64] [--country CC] "
     "[--json]\n";
 
-// Consumer key of the fetcher that only parses: a fetcher needs one, check sends nothing.
-constexpr char kOfflineConsumerKey[] = "zbiap-catalog-check";
 // Longer than the fetcher's own 60-second request time-out, so that its error is what shows.
 constexpr auto kFetchWait = std::chrono::seconds(75);
 
@@ -82,22 +85,8 @@ int check(const Args& args) {
   // The catalogue's language is read from the environment, as an app's override would be.
   if (!lang.empty()) setenv("ZBIAP_OVERRIDE_LOCALE", lang.c_str(), 1);
 
-  auto platform = installCapturingPlatform();
-  auto fetcher =
-      ZBIAPProductInfoV1Fetcher::initWithBaseURL("http://127.0.0.1/", "", kOfflineConsumerKey, "");
-  int status = 2;
-  {
-    CatalogReport report(*fetcher, *platform);
-    auto blocks = std::make_shared<ZBIAPProductInfoV1FetcherBlocks>();
-    blocks->success = [&](std::shared_ptr<ZBIAPProductInfoResponse> response) {
-      report.succeeded(std::move(response));
-    };
-    blocks->failure = [&](ZBIAPErrorPtr error) { report.failed(std::move(error)); };
-    fetcher->processResponse(*bytes, {blocks});
-    status = printReport(report, json);
-  }
-  Platform::install(nullptr);
-  return status;
+  AnswerReading reading(*bytes);
+  return printReport(reading.report(), json);
 }
 
 int verify(const Args& args) {
@@ -200,12 +189,15 @@ int run(const Args& args) {
   if (args[0] == "check") return check(rest);
   if (args[0] == "verify") return verify(rest);
   if (args[0] == "fetch") return fetch(rest);
+  if (args[0] == "sign") return catalogSign(rest);
+  if (args[0] == "preview") return catalogPreview(rest);
   std::fprintf(stderr, "zbiap catalog: unknown subcommand '%s'\n%s", args[0].c_str(), kUsage);
   return 2;
 }
 
 }  // namespace
 
-ZBIAP_REGISTER_COMMAND(catalog, "catalog", "check, verify or fetch a catalogue answer", run);
+ZBIAP_REGISTER_COMMAND(catalog, "catalog",
+                       "check, verify, fetch, sign or preview a catalogue answer", run);
 
 }  // namespace zbiap::cli

@@ -5,9 +5,13 @@
 
 #include "zbiap/catalog/product_feature.h"
 #include "zbiap/foundation/json.h"
+#include "zbiap/platform/linux_platform.h"
 
 namespace zbiap::cli {
 namespace {
+
+// Consumer key of the fetcher that only parses: a fetcher needs one, a reading sends nothing.
+constexpr char kOfflineConsumerKey[] = "zbiap-catalog-check";
 
 void setText(Dictionary& record, const char* name, const std::string* text) {
   if (text != nullptr) record.set(name, Value(*text));
@@ -35,6 +39,34 @@ std::string plain(const Value& value) {
 }
 
 }  // namespace
+
+AnswerReading::AnswerReading(std::string_view answer)
+    : platform_(std::make_shared<LogCapturingPlatform>(std::make_shared<LinuxPlatform>())) {
+  Platform::install(platform_);
+  fetcher_ =
+      ZBIAPProductInfoV1Fetcher::initWithBaseURL("http://127.0.0.1/", "", kOfflineConsumerKey, "");
+  report_ = std::make_unique<CatalogReport>(*fetcher_, *platform_);
+  auto blocks = std::make_shared<ZBIAPProductInfoV1FetcherBlocks>();
+  blocks->success = [this](std::shared_ptr<ZBIAPProductInfoResponse> response) {
+    report_->succeeded(std::move(response));
+  };
+  blocks->failure = [this](ZBIAPErrorPtr error) { report_->failed(std::move(error)); };
+  fetcher_->processResponse(answer, {blocks});
+}
+
+AnswerReading::~AnswerReading() {
+  report_.reset();
+  Platform::install(nullptr);
+}
+
+std::string productElementName(const Value& answer, const Value& index) {
+  std::string name = "products[" + toJSON(index) + "]";
+  if (std::optional<int64_t> at = index.int64Value(); at && *at >= 0) {
+    const Value& identifier = answer["products"][static_cast<size_t>(*at)]["identifier"];
+    if (identifier.isString()) name += " (" + *identifier.asString() + ")";
+  }
+  return name;
+}
 
 std::string errorText(const ZBIAPErrorPtr& error) {
   if (!error) return "unknown error";
@@ -76,6 +108,11 @@ void CatalogReport::failed(ZBIAPErrorPtr error) {
 bool CatalogReport::accepted() const {
   std::lock_guard lock(mutex_);
   return response_ != nullptr && !failed_;
+}
+
+std::shared_ptr<ZBIAPProductInfoResponse> CatalogReport::response() const {
+  std::lock_guard lock(mutex_);
+  return failed_ ? nullptr : response_;
 }
 
 Dictionary CatalogReport::recordDictionary(const ZBIAPProductInfoV1& info) {

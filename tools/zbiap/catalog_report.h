@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "log_capture.h"
@@ -34,6 +35,8 @@ class CatalogReport {
   void succeeded(std::shared_ptr<ZBIAPProductInfoResponse> response);
   void failed(ZBIAPErrorPtr error);
   bool accepted() const;
+  // The answer as the app takes it; null unless accepted.
+  std::shared_ptr<ZBIAPProductInfoResponse> response() const;
 
   // {"products": [{"index", "accepted", "messages", "record"}], "htmlStoreHeader",
   //  "featureGroups", "featureSet", "error"}; absent parts are null.
@@ -60,6 +63,28 @@ class CatalogReport {
   ZBIAPErrorPtr error_;
   bool failed_ = false;
 };
+
+// A saved answer read as an app reads it: through the fetcher's own parser, on the default
+// platform with its system log caught, in the language of ZBIAP_OVERRIDE_LOCALE. The platform is
+// installed for the reading's lifetime: one reading at a time, on one thread.
+class AnswerReading {
+ public:
+  explicit AnswerReading(std::string_view answer);
+  ~AnswerReading();
+  AnswerReading(const AnswerReading&) = delete;
+  AnswerReading& operator=(const AnswerReading&) = delete;
+
+  const CatalogReport& report() const { return *report_; }
+
+ private:
+  std::shared_ptr<LogCapturingPlatform> platform_;
+  std::shared_ptr<ZBIAPProductInfoV1Fetcher> fetcher_;
+  std::unique_ptr<CatalogReport> report_;
+};
+
+// "products[2] (com.example.x)": the element of the answer's "products" at `index` (a report's
+// "index"), named as its author finds it in the file.
+std::string productElementName(const Value& answer, const Value& index);
 
 // The text a catalogue author reads for a fetch or parse error: the fetcher's own description
 // of what was wrong with the answer when it gave one, else the error's description.

@@ -7,6 +7,7 @@
 #include <limits>
 #include <utility>
 
+#include "html_fragment.h"
 #include "zbiap/catalog/product_feature.h"
 
 namespace zbiap::cli {
@@ -17,10 +18,11 @@ constexpr size_t kWidth = 58;
 // The title of a feature: {"title": {"en": ...}} in the metadata the product gives it, else in
 // the catalogue's (a product may only add a badge); in `language`, else English, else the
 // identifier.
-std::string featureTitle(const ZBIAPManager& manager, const ZBIAPProductInfoV1& info,
-                         const std::string& identifier, const std::string& language) {
+std::string featureTitle(const std::optional<ProductFeatureSet>& baseline,
+                         const ZBIAPProductInfoV1& info, const std::string& identifier,
+                         const std::string& language) {
   std::vector<ProductFeaturePtr> sources{info.metadataForFeatureIdentifier(identifier)};
-  if (auto baseline = manager.baselineFeatureMetadata()) {
+  if (baseline) {
     for (const ProductFeaturePtr& candidate : *baseline) {
       if (candidate->identifier() == identifier) sources.push_back(candidate);
     }
@@ -34,19 +36,6 @@ std::string featureTitle(const ZBIAPManager& manager, const ZBIAPProductInfoV1& 
     if (const std::string* text = title.asString()) return *text;
   }
   return identifier;
-}
-
-std::vector<std::string> features(const ZBIAPManager& manager, const ZBIAPProductInfoV1& info,
-                                  const std::string& language) {
-  std::vector<std::string> titles;
-  if (auto set = info.featureSet()) {
-    for (const Value& feature : *set) {
-      if (const std::string* identifier = feature.asString()) {
-        titles.push_back(featureTitle(manager, info, *identifier, language));
-      }
-    }
-  }
-  return titles;
 }
 
 std::string text(const std::string* value) { return value ? *value : std::string(); }
@@ -126,9 +115,28 @@ std::string fitted(std::string_view line) {
 
 }  // namespace
 
+std::vector<std::string> featureTitles(const ZBIAPProductInfoV1& info,
+                                       const std::optional<ProductFeatureSet>& baseline,
+                                       const std::string& language) {
+  std::vector<std::string> titles;
+  if (auto set = info.featureSet()) {
+    for (const Value& feature : *set) {
+      if (const std::string* identifier = feature.asString()) {
+        titles.push_back(featureTitle(baseline, info, *identifier, language));
+      }
+    }
+  }
+  return titles;
+}
+
 std::vector<std::shared_ptr<ZBIAPProductInfoV1>> storeScreenProducts(const ZBIAPManager& manager) {
+  return storeScreenOrder(manager.dynamicProductInfosWithStoreProducts());
+}
+
+std::vector<std::shared_ptr<ZBIAPProductInfoV1>> storeScreenOrder(
+    const std::vector<std::shared_ptr<ZBIAPProductInfo>>& infos) {
   std::vector<std::shared_ptr<ZBIAPProductInfoV1>> shown;
-  for (const auto& info : manager.dynamicProductInfosWithStoreProducts()) {
+  for (const auto& info : infos) {
     auto v1 = std::dynamic_pointer_cast<ZBIAPProductInfoV1>(info);
     if (v1 && v1->active() && v1->defaultVisible()) shown.push_back(std::move(v1));
   }
@@ -144,10 +152,17 @@ void showStoreScreen(DemoOutput& out, const ZBIAPManager& manager, const std::st
   Array products;
   std::string screen;
   if (auto header = manager.htmlStoreHeader()) {
-    screen += out.dim() + "  header: " + *header + out.reset() + "\n";
+    // The header is HTML: the terminal shows its text.
+    std::string text = htmlToText(*header);
+    for (size_t start = 0; start < text.size();) {
+      size_t end = std::min(text.find('\n', start), text.size());
+      screen += out.dim() + "  " + text.substr(start, end - start) + out.reset() + "\n";
+      start = end + 1;
+    }
   }
   for (const auto& info : storeScreenProducts(manager)) {
-    const std::vector<std::string> titles = features(manager, *info, language);
+    const std::vector<std::string> titles =
+        featureTitles(*info, manager.baselineFeatureMetadata(), language);
     const std::optional<std::string> price = info->localizedPrice();
     const std::optional<std::string> oldPrice =
         info->oldPrice() ? info->localizedOldPrice() : std::nullopt;

@@ -5,17 +5,27 @@
 #define ZBIAP_TOOLS_DEMO_SCREEN_H_
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "demo_output.h"
+#include "zbiap/catalog/product_feature.h"
 #include "zbiap/catalog/product_info.h"
 #include "zbiap/manager/manager.h"
 
 namespace zbiap::cli {
 
-// The products a store screen shows, in order.
+// The products a store screen shows, in order: of the manager's catalogue, or of `infos`.
 std::vector<std::shared_ptr<ZBIAPProductInfoV1>> storeScreenProducts(const ZBIAPManager& manager);
+std::vector<std::shared_ptr<ZBIAPProductInfoV1>> storeScreenOrder(
+    const std::vector<std::shared_ptr<ZBIAPProductInfo>>& infos);
+
+// The titles of the product's features, in `language`: from the metadata the product gives a
+// feature, else from the catalogue's (`baseline`), else the feature's identifier.
+std::vector<std::string> featureTitles(const ZBIAPProductInfoV1& info,
+                                       const std::optional<ProductFeatureSet>& baseline,
+                                       const std::string& language);
 
 // Writes the "catalog" event: {"header", "products": [{"identifier", "title", "subtitle",
 // "description", "features", "price", "oldPrice", "titleColor", "backgroundColor"}]}.
