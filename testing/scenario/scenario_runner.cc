@@ -42,6 +42,11 @@ const Array& array(const Value& value, std::string_view what) {
   if (!value.isArray()) throw ScenarioError(fmt::format("{} must be an array", what));
   return *value.asArray();
 }
+// A list that may be left out.
+const Array& list(const Value& value, std::string_view what) {
+  static const Array kNone;
+  return value.isNil() ? kNone : array(value, what);
+}
 double seconds(const Value& value, std::string_view what) {
   std::optional<double> number = value.isNumber() ? value.doubleValue() : std::nullopt;
   if (!number || *number < 0 || *number > 1e7) {
@@ -187,7 +192,7 @@ FakeFetcher::Outcome outcomeFrom(const Value& reply) {
 
 class Run;
 
-// The standard user defaults with every write traced.
+// The standard user defaults with every data write traced (the manager writes nothing else).
 class TracedDefaults final : public UserDefaults {
  public:
   TracedDefaults(UserDefaults& target, Run& run) : target_(target), run_(run) {}
@@ -195,9 +200,11 @@ class TracedDefaults final : public UserDefaults {
     return target_.stringForKey(key);
   }
   std::optional<Data> dataForKey(std::string_view key) override { return target_.dataForKey(key); }
-  bool setString(std::string_view key, std::string_view value) override;
+  bool setString(std::string_view key, std::string_view value) override {
+    return target_.setString(key, value);
+  }
   bool setData(std::string_view key, const Data& value) override;
-  bool removeObjectForKey(std::string_view key) override;
+  bool removeObjectForKey(std::string_view key) override { return target_.removeObjectForKey(key); }
 
  private:
   UserDefaults& target_;
@@ -245,6 +252,9 @@ class Run {
     } restore{previous};
     start_ = platform.now();
     if (!at("traceFrom").isNil()) traceFrom_ = seconds(at("traceFrom"), "\"traceFrom\"");
+    for (const Value& kind : list(at("show"), "\"show\"")) {
+      shown_.push_back(text(kind, "a kind"));
+    }
     tracing_ = true;
     if (makeManager()) {
       play(platform);
@@ -259,7 +269,10 @@ class Run {
   }
 
   void emit(std::string_view kind, const std::string& line) {
-    if (!tracing_) return;
+    if (!tracing_ || (!shown_.empty() && kind != "FINAL" && kind != "ERROR" &&
+                      std::find(shown_.begin(), shown_.end(), kind) == shown_.end())) {
+      return;
+    }
     const double at = static_cast<double>((platform_->now() - start_).count()) / 1e6;
     if (at < traceFrom_ && kind != "ERROR" && kind != "FINAL") return;
     std::lock_guard<std::mutex> lock(mutex_);
@@ -317,7 +330,7 @@ class Run {
 
   void scriptDoubles() {
     const Value& store = at("store");
-    for (const Value& reply : store["country"].isNil() ? Array{} : array(store["country"], "")) {
+    for (const Value& reply : list(store["country"], "country replies")) {
       std::vector<FakeStore::CountryReply> calls;
       for (const Value& call : reply.isArray() ? *reply.asArray() : Array{reply}) {
         calls.push_back({codeOrNone(call["code"], "a country code"), errorFrom(call["error"]),
@@ -325,7 +338,7 @@ class Run {
       }
       store_->queueCountry(std::move(calls));
     }
-    for (const Value& reply : store["products"].isNil() ? Array{} : array(store["products"], "")) {
+    for (const Value& reply : list(store["products"], "products replies")) {
       FakeStore::ProductsReply scripted{std::nullopt, errorFrom(reply["error"]), timingFrom(reply)};
       if (!reply["list"].isNil()) scripted.products = storeProductsFrom(reply["list"]);
       store_->queueProducts(std::move(scripted));
@@ -339,7 +352,7 @@ class Run {
     fetcher_->setBundle(at("bundle").isNil()
                             ? FakeFetcher::fail(ZBIAPError::make("ZBIAPErrorDomain", 1))
                             : FakeFetcher::succeed(catalogueFrom(at("bundle"))));
-    for (const Value& reply : at("fetch").isNil() ? Array{} : array(at("fetch"), "\"fetch\"")) {
+    for (const Value& reply : list(at("fetch"), "\"fetch\"")) {
       fetcher_->enqueue(outcomeFrom(reply));
     }
     if (!at("fetchDefault").isNil()) fetcher_->setDefault(outcomeFrom(at("fetchDefault")));
@@ -414,7 +427,7 @@ class Run {
 
   void play(TestPlatform& platform) {
     std::vector<Array> steps;
-    for (const Value& step : at("script").isNil() ? Array{} : array(at("script"), "\"script\"")) {
+    for (const Value& step : list(at("script"), "\"script\"")) {
       const Array& parts = array(step, "a script step");
       if (parts.size() < 2) throw ScenarioError("a script step is [seconds, action, ...]");
       steps.push_back(parts);
@@ -512,51 +525,63 @@ class Run {
                        join(dpis));
   }
 
+  // The summary; then what else is set (links only when one is missing); then the saved data.
   void finish() {
     emit("FINAL", summary());
     std::string line;
     auto add = [&line](std::string_view name, const std::string& value) {
       line += fmt::format("{}{}={}", line.empty() ? "" : " ", name, value);
     };
+    auto addList = [&add](std::string_view name, std::vector<std::string> items, bool always) {
+      std::sort(items.begin(), items.end());
+      if (always || !items.empty()) add(name, join(items));
+    };
     if (auto header = manager_->htmlStoreHeader()) add("header", toJSON(Value(*header)));
     if (auto groups = manager_->featureGroups()) add("groups", toJSON(Value(*groups)));
-    if (auto features = manager_->baselineFeatureMetadata()) {
-      std::vector<std::string> names;
-      for (const auto& feature : *features)
-        names.push_back(shortForm(feature->dictionaryRepresentation()));
-      std::sort(names.begin(), names.end());
-      add("features", join(names));
-    }
     std::vector<std::string> names;
+    if (auto features = manager_->baselineFeatureMetadata()) {
+      for (const auto& feature : *features) {
+        names.push_back(shortForm(feature->dictionaryRepresentation()));
+      }
+      addList("features", std::move(names), true);
+    }
+    names.clear();
     for (const auto& [id, product] : manager_->storeProductMap())
       names.push_back(describe(product));
-    if (!names.empty()) add("storeProducts", join(names));
+    addList("storeProducts", std::move(names), false);
     names.clear();
     for (const auto& purchase : manager_->inAppPurchases()) names.push_back(describe(purchase));
-    if (!names.empty()) add("purchases", join(names));
+    addList("purchases", std::move(names), false);
     if (auto date = manager_->cachedOriginalPurchaseDate()) add("date", date->description());
     if (auto version = manager_->cachedOriginalPurchaseVersion()) add("version", *version);
+    if (auto fallback = manager_->appStoreFallbackCountryCode()) add("fallback", *fallback);
     std::string linked;
-    auto self = std::static_pointer_cast<ZBIAPStoreDelegate>(manager_);
     if (fetcher_->owner().lock() == std::static_pointer_cast<ProductInfoFetcherOwner>(manager_)) {
       linked += "+owner";
     }
-    if (store_->storeDelegate() == self) linked += "+delegate";
-    if (store_->manager() == manager_) linked += "+manager";
-    add("linked", linked.empty() ? "none" : linked.substr(1));
-    emit("FINAL", line);
-    UserDefaults& defaults = Platform::current().standardUserDefaults();
-    for (const char* key : {kProductsKey, kFeaturesKey}) {
-      if (auto data = defaults.dataForKey(key))
-        emit("FINAL", fmt::format("saved {}={}", key, savedText(*data)));
+    if (store_->storeDelegate() == std::static_pointer_cast<ZBIAPStoreDelegate>(manager_)) {
+      linked += "+delegate";
     }
+    if (store_->manager() == manager_) linked += "+manager";
+    if (linked != "+owner+delegate+manager")
+      add("linked", linked.empty() ? "none" : linked.substr(1));
+    if (!line.empty()) emit("FINAL", line);
+    line.clear();
+    UserDefaults& defaults = Platform::current().standardUserDefaults();
+    for (auto [name, key] : {std::pair{"products", kProductsKey}, {"features", kFeaturesKey}}) {
+      if (auto data = defaults.dataForKey(key)) add(name, savedText(*data));
+    }
+    if (!line.empty()) emit("FINAL", "saved " + line);
   }
 
   const Value& scenario_;
   TestPlatform* platform_ = nullptr;
   Date start_;
   bool tracing_ = false;
-  double traceFrom_ = 0;  // events before it are not traced (but FINAL and ERROR are)
+  // Events before traceFrom_, or of kinds not in shown_ (when it is not empty), are not traced;
+  // FINAL and ERROR always are.
+  double traceFrom_ = 0;
+  std::vector<std::string> shown_;
   std::mutex mutex_;
   std::vector<std::string> lines_;
   std::shared_ptr<FakeStore> store_;
@@ -569,19 +594,9 @@ class Run {
   int becameReady_ = 0;
 };
 
-bool TracedDefaults::setString(std::string_view key, std::string_view value) {
-  run_.emit("SAVE", fmt::format("{} string {}", key, toJSON(Value(value))));
-  return target_.setString(key, value);
-}
-
 bool TracedDefaults::setData(std::string_view key, const Data& value) {
   run_.emit("SAVE", fmt::format("{}={}", key, savedText(value)));
   return target_.setData(key, value);
-}
-
-bool TracedDefaults::removeObjectForKey(std::string_view key) {
-  run_.emit("SAVE", fmt::format("{} removed", key));
-  return target_.removeObjectForKey(key);
 }
 
 void TracedPlatform::systemLog(std::string_view line) {
@@ -632,15 +647,17 @@ void printDiff(const std::vector<std::string>& expected, const std::vector<std::
 std::string withTrace(const std::string& file, const std::vector<std::string>& trace) {
   std::string array = "[";
   for (size_t i = 0; i < trace.size(); ++i) {
-    array += (i ? ",\n    " : "\n    ") + toJSON(Value(trace[i]));
+    array += (i ? ",\n           " : "") + toJSON(Value(trace[i]));
   }
-  array += "\n  ]\n}\n";
-  const size_t key = file.rfind("\"trace\"");
-  if (key != std::string::npos) return file.substr(0, key) + "\"trace\": " + array;
-  size_t close = file.rfind('}');
-  if (close == std::string::npos) throw ScenarioError("not a JSON object");
-  while (close > 0 && std::isspace(static_cast<unsigned char>(file[close - 1]))) --close;
-  return file.substr(0, close) + ",\n  \"trace\": " + array;
+  array += "]}\n";
+  size_t key = file.rfind("\"trace\"");
+  if (key == std::string::npos) {
+    key = file.rfind('}');
+    if (key == std::string::npos) throw ScenarioError("not a JSON object");
+    while (key > 0 && std::isspace(static_cast<unsigned char>(file[key - 1]))) --key;
+    return file.substr(0, key) + ",\n \"trace\": " + array;
+  }
+  return file.substr(0, key) + "\"trace\": " + array;
 }
 
 int runFile(const std::string& path, const std::string& mode) {
@@ -660,8 +677,7 @@ int runFile(const std::string& path, const std::string& mode) {
     return 0;
   }
   std::vector<std::string> expected;
-  for (const Value& line :
-       (*scenario)["trace"].isNil() ? Array{} : array((*scenario)["trace"], "\"trace\"")) {
+  for (const Value& line : list((*scenario)["trace"], "\"trace\"")) {
     expected.push_back(text(line, "a trace line"));
   }
   if (expected == actual) return 0;
