@@ -32,11 +32,11 @@ void FakeFetcher::deliver(const std::string& what, const Outcome& outcome,
     if (!outcome.succeeds) {
       text += " error=" + traceText(outcome.error);
     } else if (outcome.response && outcome.response->productInfos()) {
-      text += " [";
+      std::vector<std::string> identifiers;
       for (const auto& dpi : *outcome.response->productInfos()) {
-        text += (text.back() == '[' ? "" : " ") + dpi->productIdentifier();
+        identifiers.push_back(dpi->productIdentifier());
       }
-      text += "]";
+      text += " " + traceList(identifiers);
     }
     if (callers->size() != 1) text += " to " + std::to_string(callers->size()) + " callers";
     trace("ANSWER", std::move(text));

@@ -7,21 +7,14 @@
 #include "zbiap/platform/platform.h"
 
 namespace zbiap::testing {
-namespace {
-
-std::string identifierList(std::vector<std::string> identifiers) {
-  std::sort(identifiers.begin(), identifiers.end());
-  std::string text = "[";
-  for (const std::string& identifier : identifiers) {
-    text += (text.size() > 1 ? " " : "") + identifier;
-  }
-  return text + "]";
-}
-
-}  // namespace
-
 std::string traceText(const ZBIAPErrorPtr& error) {
   return error ? error->domain() + "/" + std::to_string(error->code()) : "nil";
+}
+
+std::string traceList(const std::vector<std::string>& items) {
+  std::string text;
+  for (const std::string& item : items) text += (text.empty() ? "" : " ") + item;
+  return "[" + text + "]";
 }
 
 bool replyAs(const Timing& when, std::function<void()> reply) {
@@ -132,7 +125,9 @@ void FakeStore::queryStoreCountryWithProductIdentifier(const std::string& produc
 
 void FakeStore::queryProducts(const std::vector<std::string>& productIdentifiers,
                               ProductsCompletion completion) {
-  note("CALL", "queryProducts " + identifierList(productIdentifiers));
+  std::vector<std::string> asked = productIdentifiers;
+  std::sort(asked.begin(), asked.end());
+  note("CALL", "queryProducts " + traceList(asked));
   ProductsReply scripted;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -152,7 +147,8 @@ void FakeStore::queryProducts(const std::vector<std::string>& productIdentifiers
   auto reply = [self = shared_from_this(), completion, products, error = scripted.error] {
     std::vector<std::string> identifiers;
     for (const auto& product : products) identifiers.push_back(product->productIdentifier());
-    self->note("ANSWER", "products " + identifierList(identifiers) + " error=" + traceText(error));
+    std::sort(identifiers.begin(), identifiers.end());
+    self->note("ANSWER", "products " + traceList(identifiers) + " error=" + traceText(error));
     if (completion) completion(products, error);
   };
   if (!replyAs(scripted.when, reply)) {

@@ -40,6 +40,8 @@ using TraceHook = std::function<void(std::string_view kind, std::string text)>;
 
 // "nil" or "Domain/code", as traces show an error.
 std::string traceText(const ZBIAPErrorPtr& error);
+// "[a b c]", as traces show a list.
+std::string traceList(const std::vector<std::string>& items);
 // Runs `reply` as `when` says. Returns false, running nothing, when the reply is held.
 bool replyAs(const Timing& when, std::function<void()> reply);
 

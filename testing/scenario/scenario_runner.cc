@@ -13,7 +13,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "testing/fake_fetcher.h"
@@ -60,11 +59,6 @@ std::optional<std::string> codeOrNone(const Value& value, std::string_view what)
 }
 // An empty text as "" so that it shows.
 std::string shown(const std::string& text) { return text.empty() ? "\"\"" : text; }
-std::string join(const std::vector<std::string>& parts) {
-  std::string out;
-  for (const std::string& part : parts) out += (out.empty() ? "" : " ") + part;
-  return "[" + out + "]";
-}
 
 // ---- Short forms: "id", "id:Title", "-id" (inactive) for a catalogue product; "id" for a
 // feature; "id@price" for a store product; "id", "-id" (not upgradable), "id#tx" for a purchase.
@@ -233,7 +227,7 @@ std::string savedText(const Data& data) {
   if (!value || !value->isArray()) return "raw " + toJSON(Value(raw.substr(0, 40)));
   std::vector<std::string> parts;
   for (const Value& element : *value->asArray()) parts.push_back(shortForm(element));
-  return join(parts);
+  return traceList(parts);
 }
 
 class Run {
@@ -369,7 +363,7 @@ class Run {
         names.push_back(describe(purchases.back()));
       }
       store_->setInAppPurchases(std::move(purchases));
-      line += " purchases=" + join(names);
+      line += " purchases=" + traceList(names);
     }
     if (data.asDictionary() && data.asDictionary()->contains("date")) {
       store_->setOriginalPurchaseDate(dateFrom(data["date"]));
@@ -430,10 +424,11 @@ class Run {
     for (const Value& step : list(at("script"), "\"script\"")) {
       const Array& parts = array(step, "a script step");
       if (parts.size() < 2) throw ScenarioError("a script step is [seconds, action, ...]");
+      seconds(parts[0], "a step's time");
       steps.push_back(parts);
     }
     std::stable_sort(steps.begin(), steps.end(), [](const Array& a, const Array& b) {
-      return seconds(a[0], "") < seconds(b[0], "");
+      return *a[0].doubleValue() < *b[0].doubleValue();
     });
     double now = 0;
     for (const Array& step : steps) {
@@ -459,12 +454,8 @@ class Run {
     const std::string& verb = text(step.at(0), "an action");
     const bool thread = step.back() == Value("thread");
     const Value& arg = step.size() > 1 ? step[1] : nilValue();
-    auto maybeThread = [thread](const std::function<void()>& call) {
-      if (thread) {
-        std::thread(call).join();
-      } else {
-        call();
-      }
+    auto maybeThread = [thread](std::function<void()> call) {
+      replyAs({thread ? Answer::kOnOtherThread : Answer::kAtOnce, std::nullopt}, std::move(call));
     };
     const std::string from = thread ? " (other thread)" : "";
     if (verb == "commit") {
@@ -485,7 +476,7 @@ class Run {
       std::vector<ZBIAPStoreProductPtr> products = storeProductsFrom(arg);
       std::vector<std::string> names;
       for (const auto& product : products) names.push_back(describe(product));
-      emit("HOST", "attach " + join(names));
+      emit("HOST", "attach " + traceList(names));
       manager_->updateStoreProducts(products);
     } else if (verb == "setCountry") {
       emit("HOST", "setCountry " + codeOrNone(arg, "a country code").value_or("none"));
@@ -502,7 +493,7 @@ class Run {
       for (const auto& dpi : ZBIAPManager::sortDynamicProductInfos(dpis, prefixes)) {
         sorted.push_back(dpi->productIdentifier());
       }
-      emit("PROBE", "sorted " + join(sorted));
+      emit("PROBE", "sorted " + traceList(sorted));
     } else if (verb == "country") {
       std::optional<std::string> code = codeOrNone(arg, "a country code");
       emit("DELEGATE", "country " + (code ? shown(*code) : "none") + from);
@@ -522,7 +513,7 @@ class Run {
     }
     return fmt::format("state={} counter={} country={} dpis={}", manager_->state(),
                        manager_->queryCounter(), manager_->appStoreCountry().value_or("none"),
-                       join(dpis));
+                       traceList(dpis));
   }
 
   // The summary; then what else is set (links only when one is missing); then the saved data.
@@ -534,7 +525,7 @@ class Run {
     };
     auto addList = [&add](std::string_view name, std::vector<std::string> items, bool always) {
       std::sort(items.begin(), items.end());
-      if (always || !items.empty()) add(name, join(items));
+      if (always || !items.empty()) add(name, traceList(items));
     };
     if (auto header = manager_->htmlStoreHeader()) add("header", toJSON(Value(*header)));
     if (auto groups = manager_->featureGroups()) add("groups", toJSON(Value(*groups)));
