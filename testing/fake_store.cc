@@ -206,6 +206,7 @@ std::optional<std::string> FakeStore::originalPurchaseVersion() const {
 }
 
 std::vector<ZBIAPReceiptIAPPtr> FakeStore::inAppPurchases() const {
+  note("CALL", "inAppPurchases");
   std::lock_guard<std::mutex> lock(mutex_);
   return purchases_;
 }

@@ -1,7 +1,7 @@
 // zbiap::testing::FakeStore: a scriptable ZBIAPStore for tests of what drives a store (the
 // manager above all). Each query takes the next queued reply, else the default one; a reply comes
 // at once, from a thread of its own, after a delay on the main queue's clock, or never. The
-// scenario runner drives it; `trace` hears every call and answer.
+// scenario runner drives it; `trace` hears every query, answer and read of the purchases.
 //
 // Thread-safe. Completions are never called with the fake's own lock held. Held completions
 // keep whatever they captured alive until they are answered or dropped (dropPending()).
