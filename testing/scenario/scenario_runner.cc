@@ -292,7 +292,8 @@ class Run {
         target.setData(key, Data(json.begin(), json.end()));
       } else if (value["data"].isString()) {
         std::string raw;
-        const auto times = value["repeat"].int64Value().value_or(1);
+        const int64_t times = value["repeat"].int64Value().value_or(1);
+        if (times < 1 || times > 1000000) throw ScenarioError("\"repeat\" must be 1 to 1000000");
         for (int64_t i = 0; i < times; ++i) raw += *value["data"].asString();
         target.setData(key, Data(raw.begin(), raw.end()));
       } else {
@@ -376,22 +377,36 @@ class Run {
     return line;
   }
 
+  // Every change of the state or the counter must be followed by one call of the ready or
+  // querying observers with the matching values.
+  using Flags = std::optional<std::pair<bool, bool>>;
+  void expect(Flags& slot, std::pair<bool, bool> next, std::string_view what) {
+    if (slot) emit("ERROR", fmt::format("{} observers not told", what));
+    slot = next;
+  }
+  void told(Flags& slot, std::pair<bool, bool> heard, std::string_view what) {
+    if (slot != heard) emit("ERROR", fmt::format("{} observers told wrongly", what));
+    slot.reset();
+  }
+
   void observe() {
     ZBIAPManager& manager = *manager_;
     tokens_.push_back(manager.stateObservers().observe([this](int64_t from, int64_t to) {
       emit("STATE", fmt::format("{} -> {}", from, to));
-      expectReady_ = {from >= ZBIAPManagerStateReadyNoProductInfos,
-                      to >= ZBIAPManagerStateReadyNoProductInfos};
+      expect(expectReady_,
+             {from >= ZBIAPManagerStateReadyNoProductInfos,
+              to >= ZBIAPManagerStateReadyNoProductInfos},
+             "ready");
     }));
     tokens_.push_back(manager.readyObservers().observe([this](bool from, bool to) {
-      if (expectReady_ != std::pair{from, to}) emit("ERROR", "ready observers told wrongly");
+      told(expectReady_, {from, to}, "ready");
     }));
     tokens_.push_back(manager.queryCounterObservers().observe([this](int64_t from, int64_t to) {
       emit("COUNTER", fmt::format("{} -> {}", from, to));
-      expectQuerying_ = {from != 0, to != 0};
+      expect(expectQuerying_, {from != 0, to != 0}, "querying");
     }));
     tokens_.push_back(manager.queryingObservers().observe([this](bool from, bool to) {
-      if (expectQuerying_ != std::pair{from, to}) emit("ERROR", "querying observers told wrongly");
+      told(expectQuerying_, {from, to}, "querying");
     }));
     for (const char* name :
          {ZBIAPManagerDidUpdateStateNotification, ZBIAPManagerDidBecomeReadyStateNotification,
@@ -518,6 +533,7 @@ class Run {
 
   // The summary; then what else is set (links only when one is missing); then the saved data.
   void finish() {
+    if (expectReady_ || expectQuerying_) emit("ERROR", "ready or querying observers not told");
     emit("FINAL", summary());
     std::string line;
     auto add = [&line](std::string_view name, const std::string& value) {
@@ -579,7 +595,7 @@ class Run {
   std::shared_ptr<FakeFetcher> fetcher_;
   std::shared_ptr<ZBIAPManager> manager_;
   std::vector<ObserverToken> tokens_;
-  std::pair<bool, bool> expectReady_, expectQuerying_;
+  Flags expectReady_, expectQuerying_;
   std::string lastHeard_;
   int64_t lastState_ = ZBIAPManagerStateNotConfigured;
   int becameReady_ = 0;
