@@ -642,7 +642,7 @@ void printDiff(const std::vector<std::string>& expected, const std::vector<std::
   while (i < n || j < m) {
     if (i < n && j < m && expected[i] == actual[j]) {
       ++i, ++j;
-    } else if (j < m && (i == n || common[i][j + 1] >= common[i + 1][j])) {
+    } else if (j < m && (i == n || common[i][j + 1] > common[i + 1][j])) {
       std::cout << "+ " << actual[j++] << "\n";
     } else {
       std::cout << "- " << expected[i++] << "\n";
@@ -676,7 +676,14 @@ int runFile(const std::string& path, const std::string& mode) {
   }
   const std::vector<std::string> actual = Run(*scenario).trace();
   if (mode == "--update") {
-    std::ofstream(path, std::ios::binary) << withTrace(file, actual);
+    // Rewritten only when nothing but the trace changes: "trace" must be the last key.
+    const std::string updated = withTrace(file, actual);
+    std::optional<Value> reread = parseJSON(updated);
+    Dictionary before = *scenario->asDictionary(), after;
+    if (reread && reread->isDictionary()) after = *reread->asDictionary();
+    before.set("trace", Value(Array{})), after.set("trace", Value(Array{}));
+    if (!(Value(before) == Value(after))) throw ScenarioError("\"trace\" must be the last key");
+    std::ofstream(path, std::ios::binary) << updated;
     return 0;
   }
   if (mode != "--check") {
