@@ -7,6 +7,7 @@
 #include "zbiap/platform/platform.h"
 
 namespace zbiap::testing {
+
 std::string traceText(const ZBIAPErrorPtr& error) {
   return error ? error->domain() + "/" + std::to_string(error->code()) : "nil";
 }
