@@ -156,11 +156,11 @@ std::shared_ptr<ZBIAPProductInfoResponse> catalogueFrom(const Value& value) {
 // "Domain/code", or null for an error that is nil.
 ZBIAPErrorPtr errorFrom(const Value& value) {
   if (value.isNull() || value.isNil()) return nullptr;
-  const std::string& spec = text(value, "an error");
-  const size_t slash = spec.rfind('/');
-  if (slash == std::string::npos) throw ScenarioError("an error must read Domain/code: " + spec);
-  return ZBIAPError::make(spec.substr(0, slash),
-                          std::strtoll(spec.c_str() + slash + 1, nullptr, 10));
+  const std::string& written = text(value, "an error");
+  const size_t slash = written.rfind('/');
+  if (slash == std::string::npos) throw ScenarioError("an error must read Domain/code: " + written);
+  return ZBIAPError::make(written.substr(0, slash),
+                          std::strtoll(written.c_str() + slash + 1, nullptr, 10));
 }
 
 // A reply's timing: "after": seconds or "never" (absent: at once), "thread": true.
