@@ -1,6 +1,5 @@
 #include "testing/fake_fetcher.h"
 
-#include <thread>
 #include <utility>
 
 namespace zbiap::testing {
@@ -20,37 +19,38 @@ void FakeFetcher::setBundle(Outcome outcome) {
   bundle_ = std::move(outcome);
 }
 
-size_t FakeFetcher::fetchCount() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return fetchCount_;
-}
-
-size_t FakeFetcher::bundleFetchCount() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return bundleFetchCount_;
-}
-
-size_t FakeFetcher::pendingCount() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return pending_.size();
-}
-
-void FakeFetcher::deliver(const Caller& caller, const Outcome& outcome) {
-  if (outcome.succeeds) {
-    if (caller.success) caller.success(outcome.response);
-  } else if (caller.failure) {
-    caller.failure(outcome.error);
-  }
-}
-
-void FakeFetcher::answerPending(const Outcome& outcome) {
-  std::vector<Caller> pending;
-  {
+void FakeFetcher::deliver(const std::string& what, const Outcome& outcome,
+                          std::vector<Caller>* callers) {
+  std::vector<Caller> running;
+  if (!callers) {
     std::lock_guard<std::mutex> lock(mutex_);
-    pending.swap(pending_);
+    running.swap(pending_);
+    callers = &running;
   }
-  for (const Caller& caller : pending) deliver(caller, outcome);
+  if (trace) {
+    std::string text = what;
+    if (!outcome.succeeds) {
+      text += " error=" + traceText(outcome.error);
+    } else if (outcome.response && outcome.response->productInfos()) {
+      std::vector<std::string> identifiers;
+      for (const auto& dpi : *outcome.response->productInfos()) {
+        identifiers.push_back(dpi->productIdentifier());
+      }
+      text += " " + traceList(identifiers);
+    }
+    if (callers->size() != 1) text += " to " + std::to_string(callers->size()) + " callers";
+    trace("ANSWER", std::move(text));
+  }
+  for (const Caller& caller : *callers) {
+    if (!outcome.succeeds) {
+      if (caller.failure) caller.failure(outcome.error);
+    } else if (caller.success) {
+      caller.success(outcome.response);
+    }
+  }
 }
+
+void FakeFetcher::answerPending(const Outcome& outcome) { deliver("fetch", outcome, nullptr); }
 
 void FakeFetcher::dropPending() {
   std::vector<Caller> pending;
@@ -64,32 +64,38 @@ void FakeFetcher::dropPending() {
 void FakeFetcher::fetchWithSuccess(SuccessBlock success, FailureBlock failure, bool tryBundleData) {
   Caller caller{std::move(success), std::move(failure)};
   Outcome outcome;
+  bool joins = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (tryBundleData) {
-      ++bundleFetchCount_;
+    if (!pending_.empty()) {
+      pending_.push_back(std::move(caller));
+      joins = true;
+    } else if (tryBundleData) {
       outcome = bundle_;
-      outcome.answer = Answer::kAtOnce;
     } else {
-      ++fetchCount_;
-      if (!queued_.empty()) {
+      if (queued_.empty()) {
+        outcome = default_;
+      } else {
         outcome = std::move(queued_.front());
         queued_.pop_front();
-      } else {
-        outcome = default_;
       }
-      if (outcome.answer == Answer::kLater) {
-        pending_.push_back(std::move(caller));
-        return;
-      }
+      pending_.push_back(std::move(caller));
     }
   }
-  if (outcome.answer == Answer::kOnOtherThread) {
-    std::thread thread([&] { deliver(caller, outcome); });
-    thread.join();
-  } else {
-    deliver(caller, outcome);
+  if (trace) {
+    trace("CALL",
+          std::string(tryBundleData ? "fetch bundle" : "fetch") + (joins           ? " joins"
+                                                                   : tryBundleData ? ""
+                                                                                   : " starts"));
   }
+  if (joins) return;
+  if (tryBundleData) {
+    std::vector<Caller> one{std::move(caller)};
+    deliver("bundle", outcome, &one);
+    return;
+  }
+  replyAs(outcome.when,
+          [self = shared_from_this(), outcome] { self->deliver("fetch", outcome, nullptr); });
 }
 
 std::weak_ptr<ProductInfoFetcherOwner> FakeFetcher::owner() const {

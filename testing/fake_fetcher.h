@@ -1,14 +1,14 @@
 // zbiap::testing::FakeFetcher: a scriptable ZBIAPProductInfoFetcher for tests of what drives a
-// fetcher (the manager above all). Server fetches take the queued outcomes first, then the
-// default one; each outcome answers at once, from another thread, or is held until the test
-// answers it (or never). Bundle loads always answer inside the call, as the real fetcher's do.
+// fetcher (the manager above all). A server fetch takes the next queued outcome, else the
+// default one, and answers as its Timing says; while one is unanswered, later fetches join it
+// and hear its outcome, as the real fetcher's callers do. Bundle loads answer inside the call
+// (or join a running fetch). `trace` hears every call and answer.
 //
 // Thread-safe; callbacks never run with the fake's lock held. Held callbacks keep whatever they
 // captured alive until they are answered or dropped (dropPending()).
 #ifndef ZBIAP_TESTING_FAKE_FETCHER_H_
 #define ZBIAP_TESTING_FAKE_FETCHER_H_
 
-#include <cstddef>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -24,7 +24,8 @@
 
 namespace zbiap::testing {
 
-class FakeFetcher final : public ZBIAPProductInfoFetcher {
+class FakeFetcher final : public ZBIAPProductInfoFetcher,
+                          public std::enable_shared_from_this<FakeFetcher> {
  public:
   using ZBIAPProductInfoFetcher::fetchWithSuccess;
 
@@ -33,16 +34,15 @@ class FakeFetcher final : public ZBIAPProductInfoFetcher {
     std::shared_ptr<ZBIAPProductInfoResponse> response;
     ZBIAPErrorPtr error;
     bool succeeds = true;
-    Answer answer = Answer::kAtOnce;
+    Timing when;
   };
-  static Outcome succeed(std::shared_ptr<ZBIAPProductInfoResponse> response,
-                         Answer answer = Answer::kAtOnce) {
-    return Outcome{std::move(response), nullptr, true, answer};
+  static Outcome succeed(std::shared_ptr<ZBIAPProductInfoResponse> response, Timing when = {}) {
+    return Outcome{std::move(response), nullptr, true, when};
   }
-  static Outcome fail(ZBIAPErrorPtr error, Answer answer = Answer::kAtOnce) {
-    return Outcome{nullptr, std::move(error), false, answer};
+  static Outcome fail(ZBIAPErrorPtr error, Timing when = {}) {
+    return Outcome{nullptr, std::move(error), false, when};
   }
-  static Outcome hold() { return Outcome{nullptr, nullptr, false, Answer::kLater}; }
+  static Outcome hold() { return fail(nullptr, {Answer::kLater, std::nullopt}); }
 
   static std::shared_ptr<FakeFetcher> create() {
     return std::shared_ptr<FakeFetcher>(new FakeFetcher);
@@ -52,17 +52,15 @@ class FakeFetcher final : public ZBIAPProductInfoFetcher {
 
   // Used when no queued outcome is left; held by default.
   void setDefault(Outcome outcome);
-  // Used by the next server fetch, in queueing order.
+  // Used by the next server fetch that starts, in queueing order.
   void enqueue(Outcome outcome);
-  // Bundle loads answer with this at once (the answer kind is ignored); fails by default.
+  // Bundle loads answer with this at once (its timing is ignored); fails by default.
   void setBundle(Outcome outcome);
-
-  size_t fetchCount() const;
-  size_t bundleFetchCount() const;
-  size_t pendingCount() const;
-  // Answers every held fetch with `outcome` (its answer kind is ignored).
+  // Answers the running fetch with `outcome` (its timing is ignored).
   void answerPending(const Outcome& outcome);
   void dropPending();
+  // Set before the fetcher is used.
+  TraceHook trace;
 
   void fetchWithSuccess(SuccessBlock success, FailureBlock failure, bool tryBundleData) override;
   std::weak_ptr<zbiap::ProductInfoFetcherOwner> owner() const override;
@@ -74,15 +72,14 @@ class FakeFetcher final : public ZBIAPProductInfoFetcher {
     FailureBlock failure;
   };
   FakeFetcher() = default;
-  static void deliver(const Caller& caller, const Outcome& outcome);
+  // Serves `callers` (all of the running fetch's when null) with `outcome`.
+  void deliver(const std::string& what, const Outcome& outcome, std::vector<Caller>* callers);
 
   mutable std::mutex mutex_;
   Outcome default_ = hold();
   std::deque<Outcome> queued_;
   Outcome bundle_ = fail(nullptr);
-  size_t fetchCount_ = 0;
-  size_t bundleFetchCount_ = 0;
-  std::vector<Caller> pending_;
+  std::vector<Caller> pending_;  // the running fetch's callers; empty when none runs
   std::weak_ptr<zbiap::ProductInfoFetcherOwner> owner_;
 };
 

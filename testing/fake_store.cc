@@ -4,21 +4,37 @@
 #include <thread>
 #include <utility>
 
-namespace zbiap::testing {
-namespace {
+#include "zbiap/platform/platform.h"
 
-// Runs `call` as `answer` asks; kLater is handled by the caller.
-template <typename F>
-void deliver(Answer answer, F&& call) {
-  if (answer == Answer::kOnOtherThread) {
-    std::thread thread(std::forward<F>(call));
-    thread.join();
-  } else {
-    call();
-  }
+namespace zbiap::testing {
+
+std::string traceText(const ZBIAPErrorPtr& error) {
+  return error ? error->domain() + "/" + std::to_string(error->code()) : "nil";
 }
 
-}  // namespace
+std::string traceList(const std::vector<std::string>& items) {
+  std::string text;
+  for (const std::string& item : items) text += (text.empty() ? "" : " ") + item;
+  return "[" + text + "]";
+}
+
+bool replyAs(const Timing& when, std::function<void()> reply) {
+  auto run = [thread = when.answer == Answer::kOnOtherThread](const std::function<void()>& call) {
+    if (thread) {
+      std::thread(call).join();
+    } else {
+      call();
+    }
+  };
+  if (when.delay) {
+    Platform::current().mainQueue().postAfter(*when.delay, [run, reply] { run(reply); });
+  } else if (when.answer == Answer::kLater) {
+    return false;
+  } else {
+    run(reply);
+  }
+  return true;
+}
 
 ZBIAPStoreProductPtr FakeStore::makeProduct(const std::string& identifier, const std::string& price,
                                             const std::string& priceLocale) {
@@ -31,98 +47,26 @@ ZBIAPStoreProductPtr FakeStore::makeProduct(const std::string& identifier, const
   return makeStoreProduct(std::move(values));
 }
 
+void FakeStore::queueCountry(std::vector<CountryReply> calls) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  countryReplies_.push_back(std::move(calls));
+}
+
 void FakeStore::scriptCountry(Answer answer, std::optional<std::string> code, ZBIAPErrorPtr error) {
   std::lock_guard<std::mutex> lock(mutex_);
-  countryAnswer_ = answer;
-  countryCode_ = std::move(code);
-  countryError_ = std::move(error);
+  countryDefault_ = {std::move(code), std::move(error), {answer, std::nullopt}};
 }
 
-size_t FakeStore::countryQueryCount() const {
+void FakeStore::queueProducts(ProductsReply reply) {
   std::lock_guard<std::mutex> lock(mutex_);
-  return countryQueries_.size();
-}
-
-std::vector<std::string> FakeStore::countryQueryProducts() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return countryQueries_;
-}
-
-size_t FakeStore::pendingCountryQueries() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return pendingCountry_.size();
-}
-
-void FakeStore::answerCountryQueries(std::optional<std::string> code, ZBIAPErrorPtr error) {
-  std::vector<CountryCompletion> pending;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    pending.swap(pendingCountry_);
-  }
-  for (auto& completion : pending) {
-    if (completion) completion(code, error);
-  }
-}
-
-void FakeStore::addProducts(const std::vector<ZBIAPStoreProductPtr>& products) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  products_.insert(products_.end(), products.begin(), products.end());
-}
-
-void FakeStore::clearProducts() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  products_.clear();
-}
-
-void FakeStore::scriptProducts(Answer answer, ZBIAPErrorPtr error) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  productsAnswer_ = answer;
-  productsError_ = std::move(error);
-}
-
-std::vector<std::vector<std::string>> FakeStore::productQueries() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return productQueries_;
-}
-
-size_t FakeStore::pendingProductQueries() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return pendingProducts_.size();
-}
-
-std::vector<ZBIAPStoreProductPtr> FakeStore::productsFor(
-    const std::vector<std::string>& identifiers) const {
-  std::vector<ZBIAPStoreProductPtr> found;
-  for (const auto& identifier : identifiers) {
-    for (const auto& product : products_) {
-      if (product->productIdentifier() == identifier) found.push_back(product);
-    }
-  }
-  return found;
-}
-
-void FakeStore::answerProductQueries() {
-  std::vector<ProductQuery> pending;
-  std::vector<std::vector<ZBIAPStoreProductPtr>> answers;
-  ZBIAPErrorPtr error;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    pending.swap(pendingProducts_);
-    for (const auto& query : pending) answers.push_back(productsFor(query.identifiers));
-    error = productsError_;
-  }
-  for (size_t i = 0; i < pending.size(); ++i) {
-    if (pending[i].completion) pending[i].completion(answers[i], error);
-  }
+  productsReplies_.push_back(std::move(reply));
 }
 
 void FakeStore::dropPending() {
-  std::vector<CountryCompletion> country;
-  std::vector<ProductQuery> products;
+  std::vector<std::function<void()>> held;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    country.swap(pendingCountry_);
-    products.swap(pendingProducts_);
+    held.swap(held_);
   }
   // Destroyed here, outside the lock: they may own the last reference to their caller.
 }
@@ -151,51 +95,67 @@ void FakeStore::tellDelegateCountry(const std::optional<std::string>& code) {
 }
 
 bool FakeStore::canPurchaseProduct(const ZBIAPStoreProductPtr& product) {
-  if (!product) return false;
-  std::lock_guard<std::mutex> lock(mutex_);
-  return !productsFor({product->productIdentifier()}).empty();
+  return product != nullptr;
 }
 
 void FakeStore::queryStoreCountryWithProductIdentifier(const std::string& productIdentifier,
                                                        CountryCompletion completion) {
-  Answer answer;
-  std::optional<std::string> code;
-  ZBIAPErrorPtr error;
+  note("CALL", "queryStoreCountry " + productIdentifier);
+  std::vector<CountryReply> calls;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    countryQueries_.push_back(productIdentifier);
-    answer = countryAnswer_;
-    code = countryCode_;
-    error = countryError_;
-    if (answer == Answer::kLater) {
-      pendingCountry_.push_back(std::move(completion));
-      return;
+    if (countryReplies_.empty()) {
+      calls = {countryDefault_};
+    } else {
+      calls = std::move(countryReplies_.front());
+      countryReplies_.pop_front();
     }
   }
-  if (!completion) return;
-  deliver(answer, [&] { completion(code, error); });
+  for (const CountryReply& call : calls) {
+    auto reply = [self = shared_from_this(), completion, call] {
+      self->note("ANSWER",
+                 "country " + call.code.value_or("none") + " error=" + traceText(call.error));
+      if (completion) completion(call.code, call.error);
+    };
+    if (!replyAs(call.when, reply)) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      held_.push_back(std::move(reply));
+    }
+  }
 }
 
 void FakeStore::queryProducts(const std::vector<std::string>& productIdentifiers,
                               ProductsCompletion completion) {
-  Answer answer;
-  std::vector<ZBIAPStoreProductPtr> found;
-  ZBIAPErrorPtr error;
+  std::vector<std::string> asked = productIdentifiers;
+  std::sort(asked.begin(), asked.end());
+  note("CALL", "queryProducts " + traceList(asked));
+  ProductsReply scripted;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<std::string> sorted = productIdentifiers;
-    std::sort(sorted.begin(), sorted.end());
-    productQueries_.push_back(sorted);
-    answer = productsAnswer_;
-    if (answer == Answer::kLater) {
-      pendingProducts_.push_back({productIdentifiers, std::move(completion)});
-      return;
+    if (!productsReplies_.empty()) {
+      scripted = std::move(productsReplies_.front());
+      productsReplies_.pop_front();
     }
-    found = productsFor(productIdentifiers);
-    error = productsError_;
   }
-  if (!completion) return;
-  deliver(answer, [&] { completion(found, error); });
+  std::vector<ZBIAPStoreProductPtr> products;
+  if (scripted.products) {
+    products = *scripted.products;
+  } else {
+    for (const std::string& identifier : productIdentifiers) {
+      products.push_back(makeProduct(identifier));
+    }
+  }
+  auto reply = [self = shared_from_this(), completion, products, error = scripted.error] {
+    std::vector<std::string> identifiers;
+    for (const auto& product : products) identifiers.push_back(product->productIdentifier());
+    std::sort(identifiers.begin(), identifiers.end());
+    self->note("ANSWER", "products " + traceList(identifiers) + " error=" + traceText(error));
+    if (completion) completion(products, error);
+  };
+  if (!replyAs(scripted.when, reply)) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_.push_back(std::move(reply));
+  }
 }
 
 void FakeStore::purchaseProduct(const ZBIAPStoreProductPtr& product, SuccessCompletion completion) {
@@ -247,6 +207,7 @@ std::optional<std::string> FakeStore::originalPurchaseVersion() const {
 }
 
 std::vector<ZBIAPReceiptIAPPtr> FakeStore::inAppPurchases() const {
+  note("CALL", "inAppPurchases");
   std::vector<ZBIAPReceiptIAPPtr> purchases;
   {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -1,35 +1,64 @@
 // zbiap::testing::FakeStore: a scriptable ZBIAPStore for tests of what drives a store (the
-// manager above all). Each kind of query answers at once, from another thread, or not until the
-// test says so (possibly never), with a value or an error; every call is recorded.
+// manager above all). Each query takes the next queued reply, else the default one; a reply comes
+// at once, from a thread of its own, after a delay on the main queue's clock, or never. The
+// scenario runner drives it; `trace` hears every query, answer and read of the purchases.
 //
 // Thread-safe. Completions are never called with the fake's own lock held. Held completions
 // keep whatever they captured alive until they are answered or dropped (dropPending()).
 #ifndef ZBIAP_TESTING_FAKE_STORE_H_
 #define ZBIAP_TESTING_FAKE_STORE_H_
 
-#include <cstddef>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/error.h"
+#include "zbiap/platform/main_queue.h"
 #include "zbiap/store/store.h"
 
 namespace zbiap::testing {
 
-// How a scripted query is answered.
+// How a scripted reply is given.
 enum class Answer {
   kAtOnce,         // synchronously, inside the call
   kOnOtherThread,  // from a thread of its own, which the call joins before it returns
-  kLater,          // held until the test answers it (or never)
+  kLater,          // after `delay` from a main-queue timer, or, without a delay, never
 };
+struct Timing {
+  Answer answer = Answer::kAtOnce;
+  std::optional<Duration> delay;  // also delays kOnOtherThread: the timer starts the thread
+};
+
+// Hears what a fake is asked ("CALL") and what it answers ("ANSWER"), as one line of text.
+using TraceHook = std::function<void(std::string_view kind, std::string text)>;
+
+// "nil" or "Domain/code", as traces show an error.
+std::string traceText(const ZBIAPErrorPtr& error);
+// "[a b c]", as traces show a list.
+std::string traceList(const std::vector<std::string>& items);
+// Runs `reply` as `when` says. Returns false, running nothing, when the reply is held.
+bool replyAs(const Timing& when, std::function<void()> reply);
 
 class FakeStore final : public ZBIAPStore, public std::enable_shared_from_this<FakeStore> {
  public:
+  struct CountryReply {
+    std::optional<std::string> code;
+    ZBIAPErrorPtr error;
+    Timing when;
+  };
+  struct ProductsReply {
+    // Nullopt: a product for every identifier asked for.
+    std::optional<std::vector<ZBIAPStoreProductPtr>> products;
+    ZBIAPErrorPtr error;
+    Timing when;
+  };
+
   static std::shared_ptr<FakeStore> create() { return std::shared_ptr<FakeStore>(new FakeStore); }
   // A plain product; `price` is a decimal text.
   static ZBIAPStoreProductPtr makeProduct(const std::string& identifier,
@@ -39,26 +68,12 @@ class FakeStore final : public ZBIAPStore, public std::enable_shared_from_this<F
   FakeStore(const FakeStore&) = delete;
   FakeStore& operator=(const FakeStore&) = delete;
 
-  // Country queries. Unscripted ones are held.
+  // Country queries: the next one is answered by each of `calls` in turn (a store may call a
+  // completion more than once); unqueued ones by the default, which holds them unless scripted.
+  void queueCountry(std::vector<CountryReply> calls);
   void scriptCountry(Answer answer, std::optional<std::string> code, ZBIAPErrorPtr error = nullptr);
-  size_t countryQueryCount() const;
-  std::vector<std::string> countryQueryProducts() const;
-  size_t pendingCountryQueries() const;
-  // Answers every held country query with the given outcome.
-  void answerCountryQueries(std::optional<std::string> code, ZBIAPErrorPtr error = nullptr);
-
-  // Product queries are answered with the known products among those asked for, in the order
-  // asked, and the scripted error (nullptr by default). Unscripted ones answer at once.
-  void addProducts(const std::vector<ZBIAPStoreProductPtr>& products);
-  // Forgets every known product.
-  void clearProducts();
-  void scriptProducts(Answer answer, ZBIAPErrorPtr error = nullptr);
-  // The identifier lists asked for, one per query, each sorted.
-  std::vector<std::vector<std::string>> productQueries() const;
-  size_t pendingProductQueries() const;
-  // Answers every held product query from the products and error as they are now.
-  void answerProductQueries();
-
+  // Product queries; unqueued ones answer at once with a product for each identifier asked.
+  void queueProducts(ProductsReply reply);
   // Drops every held completion unanswered.
   void dropPending();
 
@@ -77,6 +92,8 @@ class FakeStore final : public ZBIAPStore, public std::enable_shared_from_this<F
   // Run once, inside the next read of inAppPurchases(), after the list to return was taken: a
   // test replays there what another thread did between the read and its use.
   mutable std::function<void()> onPurchasesRead;
+  // Set before the store is used.
+  TraceHook trace;
 
   // ZBIAPStore. Purchases, restores and refreshes succeed at once.
   bool canPurchaseProduct(const ZBIAPStoreProductPtr& product) override;
@@ -96,26 +113,17 @@ class FakeStore final : public ZBIAPStore, public std::enable_shared_from_this<F
   std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const override;
 
  private:
-  struct ProductQuery {
-    std::vector<std::string> identifiers;
-    ProductsCompletion completion;
-  };
-
   FakeStore() = default;
-  std::vector<ZBIAPStoreProductPtr> productsFor(const std::vector<std::string>& identifiers) const;
+  void note(std::string_view kind, std::string text) const {
+    if (trace) trace(kind, std::move(text));
+  }
 
   mutable std::mutex mutex_;
-  Answer countryAnswer_ = Answer::kLater;
-  std::optional<std::string> countryCode_;
-  ZBIAPErrorPtr countryError_;
-  std::vector<std::string> countryQueries_;
-  std::vector<CountryCompletion> pendingCountry_;
-
-  Answer productsAnswer_ = Answer::kAtOnce;
-  ZBIAPErrorPtr productsError_;
-  std::vector<ZBIAPStoreProductPtr> products_;
-  std::vector<std::vector<std::string>> productQueries_;
-  std::vector<ProductQuery> pendingProducts_;
+  std::deque<std::vector<CountryReply>> countryReplies_;
+  CountryReply countryDefault_{std::nullopt, nullptr, {Answer::kLater, std::nullopt}};
+  std::deque<ProductsReply> productsReplies_;
+  // Completions held unanswered, type-erased so that dropPending() can let them go.
+  std::vector<std::function<void()>> held_;
 
   std::vector<ZBIAPReceiptIAPPtr> purchases_;
   std::optional<zbiap::Date> originalPurchaseDate_;

@@ -52,9 +52,6 @@ class CatalogFaultTest : public ::testing::Test {
 
     store_ = FakeStore::create();
     store_->scriptCountry(Answer::kAtOnce, "US");
-    for (const char* id : {"com.example.a", "com.example.b", "com.example.c"}) {
-      store_->addProducts({FakeStore::makeProduct(id)});
-    }
     auto fetcher = ZBIAPProductInfoV1Fetcher::initWithBaseURL(
         server_->url(), "application/json", "key", "secret", signer_->publicKeyBase64());
     manager_ = ZBIAPManager::create(
