@@ -197,18 +197,5 @@ TEST_F(ProductInfoReaderTest, FeatureReaderMessages) {
   EXPECT_EQ(feature->metadata(), json(R"({"a":1})"));
 }
 
-TEST_F(ProductInfoReaderTest, KeyTablesListTheRowsInReadingOrder) {
-  ASSERT_EQ(gEntries.size(), 25u);
-  EXPECT_EQ(gEntries.front().key, "background_color");
-  EXPECT_EQ(gEntries[5].key, "identifier");
-  EXPECT_EQ(gEntries[5].level, RequirementLevel::kImmediate);
-  EXPECT_EQ(gEntries[13].key, "title");
-  EXPECT_EQ(gEntries[13].level, RequirementLevel::kCollected);
-  EXPECT_EQ(gEntries.back().key, "sort_key");
-  EXPECT_EQ(gEntries.back().level, RequirementLevel::kCollected);
-  EXPECT_EQ(gFeatureEntries[0].key, "identifier");
-  EXPECT_EQ(gFeatureEntries[1].level, RequirementLevel::kOptional);
-}
-
 }  // namespace
 }  // namespace zbiap
