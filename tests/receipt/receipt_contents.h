@@ -1,5 +1,5 @@
 // Receipt contents for the reader's tests: a receipt of `n` purchases whose optional fields
-// vary with the index, and a writer shared by a test suite.
+// vary with the index, a writer shared by a test suite, and what a rejected receipt leaves.
 #ifndef ZBIAP_TESTS_RECEIPT_RECEIPT_CONTENTS_H_
 #define ZBIAP_TESTS_RECEIPT_RECEIPT_CONTENTS_H_
 
@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "zbiap/receipt/receipt_parser.h"
 #include "zbiap/storekit/receipt_writer.h"
 
 namespace zbiap::testing {
@@ -46,6 +47,20 @@ class ReceiptWriterTest : public ::testing::Test {
   static void TearDownTestSuite() { delete writer_; }
   static inline ReceiptWriter* writer_ = nullptr;
 };
+
+// A rejected receipt leaves nothing behind.
+inline void expectRejected(const ZBIAPReceiptParser& parser) {
+  EXPECT_FALSE(parser.isLoaded());
+  ASSERT_NE(parser.lastError(), nullptr);
+  EXPECT_EQ(parser.lastError()->domain(), ZBIAPReceiptParserErrorDomain);
+  EXPECT_EQ(parser.lastError()->code(), 2);
+  EXPECT_TRUE(parser.lastError()->userInfo().empty());
+  EXPECT_TRUE(parser.dictionaryRepresentation().empty());
+  EXPECT_TRUE(parser.inAppPurchases().empty());
+  EXPECT_EQ(parser.bundleIdentifier(), std::nullopt);
+  EXPECT_EQ(parser.receiptCreationDate(), std::nullopt);
+  EXPECT_EQ(parser.environment(), std::nullopt);
+}
 
 }  // namespace zbiap::testing
 

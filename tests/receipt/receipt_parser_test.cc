@@ -17,6 +17,7 @@ using zbiap::ReceiptPurchase;
 using zbiap::Value;
 using zbiap::testing::at;
 using zbiap::testing::contents;
+using zbiap::testing::expectRejected;
 using zbiap::testing::purchase;
 
 // A one-attribute value: the DER of an IA5String, UTF8String or INTEGER.
@@ -43,19 +44,6 @@ class ReceiptParserTest : public zbiap::testing::ReceiptWriterTest {
   }
   std::shared_ptr<ZBIAPReceiptParser> readContent(const Data& content) {
     return ZBIAPReceiptParser::fromReceiptData(writer_->wrap(content, {}).value_or(Data()));
-  }
-  // A rejected receipt leaves nothing behind.
-  static void expectRejected(const ZBIAPReceiptParser& parser) {
-    EXPECT_FALSE(parser.isLoaded());
-    ASSERT_NE(parser.lastError(), nullptr);
-    EXPECT_EQ(parser.lastError()->domain(), "ZBIAPReceiptParserErrorDomain");
-    EXPECT_EQ(parser.lastError()->code(), 2);
-    EXPECT_TRUE(parser.lastError()->userInfo().empty());
-    EXPECT_TRUE(parser.dictionaryRepresentation().empty());
-    EXPECT_TRUE(parser.inAppPurchases().empty());
-    EXPECT_EQ(parser.bundleIdentifier(), std::nullopt);
-    EXPECT_EQ(parser.receiptCreationDate(), std::nullopt);
-    EXPECT_EQ(parser.environment(), std::nullopt);
   }
   void expectRejectedWith(const std::vector<ReceiptAttribute>& bad, bool inPurchase) {
     for (const ReceiptAttribute& attribute : bad) {

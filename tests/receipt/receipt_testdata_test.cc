@@ -10,6 +10,7 @@
 #include <map>
 
 #include "testing/testdata.h"
+#include "tests/receipt/receipt_contents.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/receipt/receipt_parser.h"
 
@@ -179,14 +180,7 @@ TEST_F(ReceiptTestdataTest, EveryReceiptDecodesAsItsSidecarImplies) {
     auto parser = ZBIAPReceiptParser::fromReceiptURL(file);
     ASSERT_NE(parser, nullptr);
     if (expected.rejected) {
-      EXPECT_FALSE(parser->isLoaded());
-      ASSERT_NE(parser->lastError(), nullptr);
-      EXPECT_EQ(parser->lastError()->domain(), ZBIAPReceiptParserErrorDomain);
-      EXPECT_EQ(parser->lastError()->code(), 2);
-      EXPECT_TRUE(parser->lastError()->userInfo().empty());
-      EXPECT_TRUE(parser->dictionaryRepresentation().empty());
-      EXPECT_TRUE(parser->inAppPurchases().empty());
-      EXPECT_EQ(parser->bundleIdentifier(), std::nullopt);
+      zbiap::testing::expectRejected(*parser);
       continue;
     }
     ++accepted;
