@@ -82,6 +82,9 @@ TEST(ValueTest, ViewsOfTheWrongKindAreEmpty) {
   EXPECT_TRUE(array["key"].isNil());
   EXPECT_TRUE(Value()["a"]["b"][size_t{3}].isNil());
   EXPECT_EQ(Value(static_cast<const char*>(nullptr)).type(), Value::Type::kNil);
+  EXPECT_EQ(Value("h\xc3\xa9llo").size(), 6u);
+  EXPECT_EQ(Value(Data{1, 2, 3}).size(), 3u);
+  EXPECT_EQ(Value(42).size(), 0u);
 }
 
 TEST(ValueTest, CollectionsCompareByContent) {
