@@ -43,8 +43,15 @@ TEST(CatalogServerTest, AnswersOnlyItsConsumerAndSignsTheCatalogueBytes) {
   ASSERT_NE(server, nullptr);
   ASSERT_TRUE(server->start());
   const std::string catalog = R"({"products":[],"gold_description":"Größer \u00e9"})";
-  ASSERT_TRUE(server->setCatalog(catalog));
-  EXPECT_FALSE(server->setCatalog("{\"products\": ["));
+  ASSERT_TRUE(server->loadCatalogFile(platform.writeResource("catalog.json", catalog).string()));
+  // A catalogue that cannot be read or is no JSON leaves the served one as it was.
+  std::string error;
+  EXPECT_FALSE(server->setCatalog("{\"products\": [", &error));
+  EXPECT_NE(error.find("not JSON"), std::string::npos);
+  EXPECT_FALSE(server->loadCatalogFile(platform.makeTempDir("dir").string(), &error));
+  EXPECT_NE(error.find("cannot read"), std::string::npos);
+  EXPECT_FALSE(
+      server->loadCatalogFile((platform.makeTempDir("none") / "catalog.json").string(), &error));
   const std::string& key = server->consumerKey();
   auto keep = [](std::string&, std::string&) {};
   httplib::Client client("127.0.0.1", server->port());
