@@ -177,6 +177,7 @@ TEST(DateToolsCalendarTest, MidnightIsThatOfTheGivenCalendar) {
       {"Asia/Kolkata", utc(kMarch5 + 34170), "2024-03-05T18:30:00Z"},
       {"America/New_York", utc(kMarch5 + 34170), "2024-03-05T05:00:00Z"},
       {"America/New_York", utc(kMarch5 - 37230), "2024-03-04T05:00:00Z"},
+      {"No/Such_Zone", utc(kMarch5 + 34170), "2024-03-05T00:00:00Z"},  // unknown: UTC
   };
   for (const auto& row : rows) {
     zbiap::Calendar calendar(row.zone);
