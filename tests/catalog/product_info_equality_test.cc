@@ -1,4 +1,4 @@
-// Equality, hashing and description of DPIs and features, and the response object.
+// Equality, hashing and description of DPIs and features.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -8,7 +8,6 @@
 #include "tests/catalog/record_test_fixture.h"
 #include "zbiap/catalog/product_feature.h"
 #include "zbiap/catalog/product_info.h"
-#include "zbiap/catalog/product_info_response.h"
 #include "zbiap/store/store_product.h"
 
 namespace zbiap {
@@ -52,26 +51,16 @@ TEST_F(ProductInfoEqualityTest, FieldsLeftOutOfEquality) {
 
 TEST_F(ProductInfoEqualityTest, FieldsThatCount) {
   auto base = make();
-  for (const char* extra : {R"(,"identifier":"pro2")",
-                            R"(,"inactive":true)",
-                            R"(,"default_visible":1)",
-                            R"(,"new_customers_visible":true)",
-                            R"(,"title":"Other")",
-                            R"(,"subtitle":"Other")",
-                            R"(,"description":"D")",
-                            R"(,"header":"H")",
-                            R"(,"icon_text":"I")",
-                            R"(,"title_color":"fff")",
-                            R"(,"background_color":"#123457")",
-                            R"(,"old_price":9.98)",
-                            R"(,"old_price":"x")",
-                            R"(,"pre_buy_title":"P")",
-                            R"(,"pre_buy_message":"P")",
-                            R"(,"pre_buy_action_title":"P")",
-                            R"(,"requires_account":true)",
-                            R"(,"feature_group_id":"f")",
-                            R"(,"metadata":{"a":2})",
-                            R"(,"metadata":null)"}) {
+  // clang-format off
+  for (const char* extra : {
+           R"(,"identifier":"pro2")", R"(,"inactive":true)", R"(,"default_visible":1)",
+           R"(,"new_customers_visible":true)", R"(,"title":"Other")", R"(,"subtitle":"Other")",
+           R"(,"description":"D")", R"(,"header":"H")", R"(,"icon_text":"I")",
+           R"(,"title_color":"fff")", R"(,"background_color":"#123457")", R"(,"old_price":9.98)",
+           R"(,"old_price":"x")", R"(,"pre_buy_title":"P")", R"(,"pre_buy_message":"P")",
+           R"(,"pre_buy_action_title":"P")", R"(,"requires_account":true)",
+           R"(,"feature_group_id":"f")", R"(,"metadata":{"a":2})", R"(,"metadata":null)"}) {
+    // clang-format on
     EXPECT_FALSE(base->isEqual(*make(extra))) << extra;
   }
   // Numbers compare by value: 9.99 as text or as number is the same old price.
@@ -130,23 +119,6 @@ TEST_F(ProductInfoEqualityTest, Descriptions) {
   auto feature = ZBIAPProductFeatureV1::create(json(R"({"identifier":"sync"})"));
   EXPECT_EQ(feature->description(), fmt::format("<ZBIAPProductFeatureV1:{} 'sync' - (null)>",
                                                 static_cast<const void*>(feature.get())));
-}
-
-TEST_F(ProductInfoEqualityTest, ResponseKeepsWhatItWasGiven) {
-  auto empty =
-      ZBIAPProductInfoResponse::create(std::nullopt, std::nullopt, std::nullopt, std::nullopt);
-  EXPECT_FALSE(empty->productInfos() || empty->htmlStoreHeader() || empty->featureGroups() ||
-               empty->featureSet());
-  auto dpi = make();
-  auto feature = ZBIAPProductFeatureV1::create(json(R"({"identifier":"sync"})"));
-  auto response = ZBIAPProductInfoResponse::create(
-      ZBIAPProductInfoResponse::ProductInfos{dpi}, "<h1>Pro</h1>",
-      *json(R"({"pro":{}})").asDictionary(), ZBIAPProductInfoResponse::FeatureSet{feature});
-  ASSERT_EQ(response->productInfos()->size(), 1u);
-  EXPECT_EQ(response->productInfos()->front(), dpi);
-  EXPECT_EQ(*response->htmlStoreHeader(), "<h1>Pro</h1>");
-  EXPECT_TRUE(response->featureGroups()->contains("pro"));
-  EXPECT_EQ(response->featureSet()->count(feature), 1u);
 }
 
 }  // namespace

@@ -40,18 +40,11 @@ TEST_F(ProductInfoReaderTest, MinimalActiveProductHasEveryOptionalFieldEmpty) {
   EXPECT_EQ(*dpi->localizedTitle(), "Pro");
   EXPECT_EQ(dpi->sortKey(), Value(3));
   EXPECT_FALSE(dpi->defaultVisible() || dpi->requiresAccount() || dpi->hasPreBuyDialog() ||
-               dpi->ignoreSubscriptionGroupForNewCustomers());
-  EXPECT_EQ(dpi->localizedSubtitle(), nullptr);
-  EXPECT_EQ(dpi->localizedDescription(), nullptr);
-  EXPECT_EQ(dpi->localizedFreeTrialTitle(), nullptr);
-  EXPECT_EQ(dpi->iconText(), nullptr);
-  EXPECT_EQ(dpi->subscriptionGroupID(), nullptr);
-  EXPECT_FALSE(dpi->titleColor() || dpi->backgroundColor() || dpi->oldPrice());
-  EXPECT_TRUE(dpi->featureGroup().isNil());
-  EXPECT_TRUE(dpi->metadata().isNil());
-  EXPECT_EQ(dpi->featureSet(), nullptr);
-  EXPECT_EQ(dpi->featureMetadata(), nullptr);
-  EXPECT_EQ(dpi->product(), nullptr);
+               dpi->ignoreSubscriptionGroupForNewCustomers() || dpi->localizedSubtitle() ||
+               dpi->localizedDescription() || dpi->localizedFreeTrialTitle() || dpi->iconText() ||
+               dpi->subscriptionGroupID() || dpi->titleColor() || dpi->backgroundColor() ||
+               dpi->oldPrice() || dpi->featureSet() || dpi->featureMetadata() || dpi->product());
+  EXPECT_TRUE(dpi->featureGroup().isNil() && dpi->metadata().isNil());
   // The very dictionary, unknown keys included, shared rather than copied.
   EXPECT_EQ(dpi->dictionaryRepresentation().asDictionary(), dictionary.asDictionary());
 }
@@ -195,19 +188,6 @@ TEST_F(ProductInfoReaderTest, FeatureReaderMessages) {
   EXPECT_EQ(feature->dictionaryRepresentation().asDictionary(), dictionary.asDictionary());
   feature->setMetadata(json(R"({"a":1})"));
   EXPECT_EQ(feature->metadata(), json(R"({"a":1})"));
-}
-
-TEST_F(ProductInfoReaderTest, KeyTablesListTheRowsInReadingOrder) {
-  ASSERT_EQ(gEntries.size(), 25u);
-  EXPECT_EQ(gEntries.front().key, "background_color");
-  EXPECT_EQ(gEntries[5].key, "identifier");
-  EXPECT_EQ(gEntries[5].level, RequirementLevel::kImmediate);
-  EXPECT_EQ(gEntries[13].key, "title");
-  EXPECT_EQ(gEntries[13].level, RequirementLevel::kCollected);
-  EXPECT_EQ(gEntries.back().key, "sort_key");
-  EXPECT_EQ(gEntries.back().level, RequirementLevel::kCollected);
-  EXPECT_EQ(gFeatureEntries[0].key, "identifier");
-  EXPECT_EQ(gFeatureEntries[1].level, RequirementLevel::kOptional);
 }
 
 }  // namespace

@@ -9,46 +9,29 @@
 
 namespace {
 
-TEST(ASN1ObjectIDTest, FromContentOctets) {
+TEST(ASN1ObjectIDTest, FromOctetsAndFromText) {
   const uint8_t rsa[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x01};
   auto oid = ZBIAPASN1ObjectID::fromASN1Data(rsa, sizeof rsa, false);
   ASSERT_NE(oid, nullptr);
-  EXPECT_EQ(oid->stringValue(), "1.2.840.113549.1.7.1");
   EXPECT_EQ(oid->description(), "OID:1.2.840.113549.1.7.1");
   EXPECT_EQ(oid->asn1StringValue(), std::nullopt);
-
   // The first octet is never base 128: 0x81 gives 3.9, not a continued arc.
   const uint8_t big[] = {0x81};
-  oid = ZBIAPASN1ObjectID::fromASN1Data(big, 1, false);
-  ASSERT_NE(oid, nullptr);
-  EXPECT_EQ(oid->stringValue(), "3.9");
-
-  EXPECT_EQ(ZBIAPASN1ObjectID::fromASN1Data(rsa, 0, false), nullptr);
+  EXPECT_EQ(ZBIAPASN1ObjectID::fromASN1Data(big, 1, false)->stringValue(), "3.9");
   const uint8_t zero[] = {0x2A, 0x00};
-  EXPECT_EQ(ZBIAPASN1ObjectID::fromASN1Data(zero, 2, false), nullptr);
   EXPECT_EQ(ZBIAPASN1ObjectID::fromASN1Data(zero + 1, 1, true), nullptr);
-}
 
-TEST(ASN1ObjectIDTest, FromTextEqualityAndHash) {
   auto a = ZBIAPASN1ObjectID::fromStringValue("1.2.840", false);
   auto b = ZBIAPASN1ObjectID::fromStringValue("..1..2.840.", false);
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
-  EXPECT_TRUE(a->isEqual(*b));
-  EXPECT_EQ(a->hash(), b->hash());
   auto relative = ZBIAPASN1ObjectID::fromStringValue("1.2.840", true);
-  ASSERT_NE(relative, nullptr);
+  ASSERT_TRUE(a && b && relative);
+  EXPECT_TRUE(a->isEqual(*b));
   EXPECT_FALSE(a->isEqual(*relative));
-  EXPECT_EQ(relative->stringValue(), "1.2.840");
-
-  EXPECT_EQ(ZBIAPASN1ObjectID::fromStringValue("1", false), nullptr);
+  EXPECT_EQ(std::unordered_set<ZBIAPASN1ObjectID>{*a}.count(*b), 1u);
   EXPECT_NE(ZBIAPASN1ObjectID::fromStringValue("1", true), nullptr);
-  EXPECT_EQ(ZBIAPASN1ObjectID::fromStringValue("1.x", false), nullptr);
-  EXPECT_EQ(ZBIAPASN1ObjectID::fromStringValue("", true), nullptr);
-  EXPECT_EQ(ZBIAPASN1ObjectID::fromStringValue("1.99999999999999999999999", false), nullptr);
-
-  std::unordered_set<ZBIAPASN1ObjectID> set{*a};
-  EXPECT_EQ(set.count(*b), 1u);
+  for (const char* bad : {"1", "1.x", "", "1.99999999999999999999999"}) {
+    EXPECT_EQ(ZBIAPASN1ObjectID::fromStringValue(bad, false), nullptr) << bad;
+  }
 }
 
 TEST(ASN1TagTest, FactoryChecksTheValue) {
@@ -58,20 +41,12 @@ TEST(ASN1TagTest, FactoryChecksTheValue) {
   zbiap::ASN1Node data = (*tree)[1];
   EXPECT_NE(ZBIAPASN1Tag::initWithTag(3, 2, true, array), nullptr);
   EXPECT_EQ(ZBIAPASN1Tag::initWithTag(3, 2, true, data), nullptr);
-  EXPECT_NE(ZBIAPASN1Tag::initWithTag(3, 2, false, data), nullptr);
   EXPECT_EQ(ZBIAPASN1Tag::initWithTag(3, 2, false, array), nullptr);
   EXPECT_EQ(ZBIAPASN1Tag::initWithTag(3, 2, false, zbiap::ASN1Node()), nullptr);
   EXPECT_EQ(ZBIAPASN1Tag::fromNode(array), nullptr);
-
-  auto tag = ZBIAPASN1Tag::initWithTag(7, 1, false, data);
-  EXPECT_EQ(tag->description(),
+  EXPECT_EQ(ZBIAPASN1Tag::initWithTag(7, 1, false, data)->description(),
             "<ASN.1 Tag [Application 7] (primitive)> (\n" + data.description() + "\n)");
-}
-
-TEST(BigNumTest, KeepsItsOctets) {
-  auto n = ZBIAPBigNum::initWithData({0x80, 0x01});
-  EXPECT_EQ(n->dataRepresentation(), (zbiap::Data{0x80, 0x01}));
-  EXPECT_EQ(n->description(), "<ZBIAPBigNum: 0x8001>");
+  EXPECT_EQ(ZBIAPBigNum::initWithData({0x80, 0x01})->description(), "<ZBIAPBigNum: 0x8001>");
 }
 
 }  // namespace

@@ -8,39 +8,13 @@
 #include <string>
 
 #include "testing/testdata.h"
-#include "zbiap/storekit/receipt_writer.h"
+#include "tests/receipt/receipt_contents.h"
 
 namespace {
 
 using zbiap::Data;
-using zbiap::Date;
 using zbiap::internal::DecodedReceipt;
-
-Date at(int64_t seconds) { return Date::fromMicrosSince1970(seconds * 1000000); }
-
-zbiap::ReceiptContents contents(int purchases) {
-  zbiap::ReceiptContents c;
-  c.bundleIdentifier = "com.example.app";
-  c.appVersion = "2.1";
-  c.originalAppVersion = "1.0";
-  c.creationDate = at(1700000000);
-  c.expirationDate = at(1800000000);
-  c.originalPurchaseDate = at(1500000000);
-  for (int i = 0; i < purchases; ++i) {
-    zbiap::ReceiptPurchase p;
-    p.quantity = 1 + i % 3;
-    p.productIdentifier = "com.example.product." + std::to_string(i % 5);
-    p.transactionIdentifier = std::to_string(1000000000000000 + i);
-    if (i % 3) p.originalTransactionIdentifier = std::to_string(1000000000000000 + i / 2);
-    p.purchaseDate = at(1600000000 + i * 3600);
-    if (i % 4) p.originalPurchaseDate = at(1600000000 + (i / 2) * 3600);
-    if (i % 2) p.subscriptionExpirationDate = at(1600000000 + i * 3600 + 30 * 86400);
-    if (i % 7 == 3) p.cancellationDate = at(1600000000 + i * 3600 + 86400);
-    p.webOrderLineItemID = 20000000000000 + i;
-    c.purchases.push_back(p);
-  }
-  return c;
-}
+using zbiap::testing::contents;
 
 // Decodes `data` both ways; returns whether the direct decoder answered.
 bool compare(const Data& data) {
@@ -54,14 +28,7 @@ bool compare(const Data& data) {
   return answered;
 }
 
-class ReceiptDecoderTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() { writer_ = zbiap::ReceiptWriter::create().release(); }
-  static void TearDownTestSuite() { delete writer_; }
-  static zbiap::ReceiptWriter* writer_;
-};
-
-zbiap::ReceiptWriter* ReceiptDecoderTest::writer_ = nullptr;
+using ReceiptDecoderTest = zbiap::testing::ReceiptWriterTest;
 
 TEST_F(ReceiptDecoderTest, AnswersForWriterAndAppStoreReceipts) {
   for (int count : {0, 1, 40}) {

@@ -3,12 +3,14 @@
 // are kept, skipped or reject the whole receipt, and what the ASN.1 parser accepts).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <map>
 
 #include "testing/testdata.h"
+#include "tests/receipt/receipt_contents.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/receipt/receipt_parser.h"
 
@@ -178,14 +180,7 @@ TEST_F(ReceiptTestdataTest, EveryReceiptDecodesAsItsSidecarImplies) {
     auto parser = ZBIAPReceiptParser::fromReceiptURL(file);
     ASSERT_NE(parser, nullptr);
     if (expected.rejected) {
-      EXPECT_FALSE(parser->isLoaded());
-      ASSERT_NE(parser->lastError(), nullptr);
-      EXPECT_EQ(parser->lastError()->domain(), ZBIAPReceiptParserErrorDomain);
-      EXPECT_EQ(parser->lastError()->code(), 2);
-      EXPECT_TRUE(parser->lastError()->userInfo().empty());
-      EXPECT_TRUE(parser->dictionaryRepresentation().empty());
-      EXPECT_TRUE(parser->inAppPurchases().empty());
-      EXPECT_EQ(parser->bundleIdentifier(), std::nullopt);
+      zbiap::testing::expectRejected(*parser);
       continue;
     }
     ++accepted;
@@ -225,43 +220,28 @@ TEST_F(ReceiptTestdataTest, EveryReceiptDecodesAsItsSidecarImplies) {
   EXPECT_EQ(accepted, 8);
 }
 
+// A few facts read off the files by hand, against a model and a reader wrong in the same way.
 TEST_F(ReceiptTestdataTest, KnownFacts) {
   ZBIAP_REQUIRE_TESTDATA();
   auto dir = zbiap::testing::testdataDir() / "receipts";
   auto mbaasy = ZBIAPReceiptParser::fromReceiptURL(dir / "sandbox-2015-mbaasy-7iap.der");
   ASSERT_TRUE(mbaasy->isLoaded());
   EXPECT_EQ(mbaasy->bundleIdentifier(), "com.mbaasy.ios.demo");
-  EXPECT_EQ(mbaasy->appVersion(), "1");
-  EXPECT_EQ(mbaasy->originalPurchaseVersion(), "1.0");
-  EXPECT_EQ(mbaasy->environment(), "ProductionSandbox");
-  EXPECT_EQ(mbaasy->originalPurchaseDate(), utcDate("2013-08-01T07:00:00Z"));
   EXPECT_EQ(mbaasy->receiptCreationDate(), utcDate("2015-08-13T07:50:46Z"));
   auto iaps = mbaasy->inAppPurchases();
   ASSERT_EQ(iaps.size(), 7u);
   EXPECT_EQ(iaps[0]->productIdentifier(), "consumable");
   EXPECT_EQ(iaps[0]->transactionIdentifier(), "1000000166865231");
-  EXPECT_EQ(iaps[0]->subscriptionExpirationDate(), std::nullopt);
-
   auto cancelled =
       ZBIAPReceiptParser::fromReceiptURL(dir / "production-2022-maiduidui-5subs-cancelled.der");
-  ASSERT_TRUE(cancelled->isLoaded());
-  int withCancellation = 0;
-  for (const auto& iap : cancelled->inAppPurchases()) {
-    if (iap->cancellationDate()) ++withCancellation;
-  }
-  EXPECT_EQ(withCancellation, 4);
-
-  auto many = ZBIAPReceiptParser::fromReceiptURL(dir / "sandbox-2020-nutcall-187iap.der");
-  ASSERT_TRUE(many->isLoaded());
-  EXPECT_EQ(many->inAppPurchases().size(), 187u);
-
-  for (const char* name :
-       {"xcode-2020-cyclemaps-1iap.der", "xcode-2023-backyardbirds-0iap.der",
-        "neg-truncated-belive-456bytes.der", "neg-legacy-transaction-receipt.bin"}) {
-    auto parser = ZBIAPReceiptParser::fromReceiptURL(dir / name);
-    ASSERT_NE(parser->lastError(), nullptr) << name;
-    EXPECT_EQ(parser->lastError()->code(), 2) << name;
-  }
+  auto withCancellation = cancelled->inAppPurchases();
+  EXPECT_EQ(std::count_if(withCancellation.begin(), withCancellation.end(),
+                          [](const auto& iap) { return iap->cancellationDate().has_value(); }),
+            4);
+  EXPECT_EQ(ZBIAPReceiptParser::fromReceiptURL(dir / "xcode-2020-cyclemaps-1iap.der")
+                ->lastError()
+                ->code(),
+            2);
 }
 
 }  // namespace

@@ -47,73 +47,53 @@ void expectSameAsICU(ZBIAPDateTools& tools, const std::string& text) {
   EXPECT_EQ(tools.dateFromRFC3339String(text), icu) << text;
 }
 
-TEST(RFC3339FastPathTest, AgreesWithICUOnGeneratedStamps) {
+// Generated stamps in three zones, each also with one character changed, dropped or added.
+TEST(RFC3339FastPathTest, AgreesWithICUOnGeneratedStampsAndNearMisses) {
+  const std::string alphabet = "0123456789-+:.TZtz \x7f\xc3";
   for (const char* name : {"UTC", "Asia/Kolkata", "America/Sao_Paulo"}) {
     ScopedTimeZone zone(name);
     ZBIAPDateTools tools;
     std::mt19937_64 rng(20240305);
     int taken = 0;
-    for (int i = 0; i < 20000; ++i) {
-      const std::string text = randomStamp(rng);
+    for (int i = 0; i < 10000 && !::testing::Test::HasFailure(); ++i) {
+      std::string text = randomStamp(rng);
       expectSameAsICU(tools, text);
       if (zbiap::parseRFC3339Fast(text)) ++taken;
-      if (::testing::Test::HasFailure()) return;
+      const size_t at = rng() % text.size();
+      const char c = alphabet[rng() % alphabet.size()];
+      switch (rng() % 3) {
+        case 0:
+          text[at] = c;
+          break;
+        case 1:
+          text.erase(at, 1);
+          break;
+        default:
+          text.insert(at, 1, c);
+          break;
+      }
+      expectSameAsICU(tools, text);
     }
     // Most generated stamps are of the common shapes and must not all fall back to ICU.
-    EXPECT_GT(taken, 10000) << name;
-  }
-}
-
-TEST(RFC3339FastPathTest, AgreesWithICUOnNearMisses) {
-  ZBIAPDateTools tools;
-  std::mt19937_64 rng(7);
-  const std::string alphabet = "0123456789-+:.TZtz \x7f\xc3";
-  for (int i = 0; i < 20000; ++i) {
-    std::string text = randomStamp(rng);
-    const size_t at = rng() % text.size();
-    switch (rng() % 3) {
-      case 0:
-        text[at] = alphabet[rng() % alphabet.size()];
-        break;
-      case 1:
-        text.erase(at, 1);
-        break;
-      default:
-        text.insert(at, 1, alphabet[rng() % alphabet.size()]);
-        break;
-    }
-    expectSameAsICU(tools, text);
-    if (::testing::Test::HasFailure()) return;
+    EXPECT_GT(taken, 5000) << name;
   }
 }
 
 TEST(RFC3339FastPathTest, EdgesOfTheShapes) {
   ZBIAPDateTools tools;
-  for (const char* text : {"1600-01-01T00:00:00Z",
-                           "1599-12-31T23:59:59Z",
-                           "9999-12-31T23:59:59.99999+18:00",
-                           "2024-03-05T10:20:30+14:00",
-                           "2024-03-05T10:20:30-12:00",
-                           "2024-03-05T10:20:30+18:59",
-                           "2024-03-05T10:20:30+19:00",
-                           "2024-03-05T10:20:30-00:00",
-                           "2024-03-05T10:20:30+0000",
-                           "2024-03-05T10:20:60Z",
-                           "2016-12-31T23:59:60Z",
-                           "2024-03-05T10:20:30.00000Z",
-                           "2024-03-05T10:20:30.99999Z",
-                           "2024-03-05T10:20:30.1234Z",
-                           "2024-03-05T10:20:30.123456Z",
-                           "2024-03-05T10:20:30z",
-                           "2024-03-05T10:20:30+01",
-                           "2024-03-05T10:20:30+01:00:00",
-                           "0999-03-05T10:20:30Z",
-                           "0001-01-01T00:00:00Z",
-                           "2024-03-05T10:20:30.Z",
-                           "2024-03-05T10:20:30+1:00",
-                           "2024-03-05T10:20:30+01:0"}) {
+  // clang-format off
+  for (const char* text : {
+           "1600-01-01T00:00:00Z", "1599-12-31T23:59:59Z", "9999-12-31T23:59:59.99999+18:00",
+           "2024-03-05T10:20:30+14:00", "2024-03-05T10:20:30-12:00", "2024-03-05T10:20:30+18:59",
+           "2024-03-05T10:20:30+19:00", "2024-03-05T10:20:30-00:00", "2024-03-05T10:20:30+0000",
+           "2024-03-05T10:20:60Z", "2016-12-31T23:59:60Z", "2024-03-05T10:20:30.00000Z",
+           "2024-03-05T10:20:30.99999Z", "2024-03-05T10:20:30.1234Z", "2024-03-05T10:20:30.123456Z",
+           "2024-03-05T10:20:30z", "2024-03-05T10:20:30+01", "2024-03-05T10:20:30+01:00:00",
+           "0999-03-05T10:20:30Z", "0001-01-01T00:00:00Z", "2024-03-05T10:20:30.Z",
+           "2024-03-05T10:20:30+1:00", "2024-03-05T10:20:30+01:0"}) {
     expectSameAsICU(tools, text);
   }
+  // clang-format on
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // ZBIAPDateTools: RFC 3339 time stamps, duration strings ("1m", "2w"), whole-day/month
 // remaining durations and calendar dates, all in the Gregorian calendar of the system's
-// current time zone (ICU underneath).
+// current time zone (ICU underneath); zbiap::Calendar: such a calendar in a chosen zone, for
+// the start of a day wherever that is.
 //
 // An instance is not thread-safe: get the calling thread's own one with dateTools(), built on
 // first use and kept for the thread's life, and never hand it to another thread. A fresh
@@ -17,7 +18,27 @@
 
 #include "zbiap/foundation/date.h"
 
+class ZBIAPDateTools;
+
 namespace zbiap {
+
+// A Gregorian calendar in one time zone (ICU underneath). Not thread-safe: like the date
+// tools, a calendar belongs to one thread at a time.
+class Calendar {
+ public:
+  // In the system's current time zone.
+  Calendar();
+  // In the named zone ("Europe/Berlin"); a name the system does not know gives UTC.
+  explicit Calendar(std::string_view timeZone);
+  ~Calendar();
+  Calendar(const Calendar&) = delete;
+  Calendar& operator=(const Calendar&) = delete;
+
+ private:
+  friend class ::ZBIAPDateTools;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
 
 // Calendar fields, each possibly unset (Foundation's date components).
 struct DateComponents {
@@ -69,11 +90,15 @@ class ZBIAPDateTools {
 
   // Whole days between the midnights of `from` and `to`, or months and days when that is 31
   // days or more; nullopt when either is missing or `from` is not earlier than `to`.
-  std::optional<zbiap::DateComponents> componentsForRemainingDuration(
+  std::optional<zbiap::DateComponents> componentsForRemainingDurationFrom(
       const std::optional<zbiap::Date>& from, const std::optional<zbiap::Date>& to);
 
-  // The start of the date's day in the instance's calendar.
-  zbiap::Date dateAtMidnight(const zbiap::Date& date);
+  // The start of the date's day in `calendar`: the date of its year, month and day there.
+  // The instance's own calendar is calendar().
+  zbiap::Date dateAtMidnight(const zbiap::Date& date, zbiap::Calendar& calendar);
+
+  // The instance's calendar, in the time zone the instance was built in.
+  zbiap::Calendar& calendar();
 
   // The date of the given calendar fields (read as fields, not added to a start date); unset
   // fields take their lowest values (era 1, year 1, month 1, day 1, midnight). nullopt when
