@@ -13,14 +13,15 @@
 #include <string>
 #include <string_view>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 
 namespace zbiap {
 
 inline constexpr size_t kMaxJSONDepth = 512;
 
-std::optional<Value> parseJSON(std::string_view text, std::string* error = nullptr);
-std::string toJSON(const Value& value);
+ZBIAP_EXPORT std::optional<Value> parseJSON(std::string_view text, std::string* error = nullptr);
+ZBIAP_EXPORT std::string toJSON(const Value& value);
 
 }  // namespace zbiap
 

@@ -15,12 +15,13 @@
 #include <string>
 #include <string_view>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 
 namespace zbiap {
 
 // Calendar fields, each possibly unset (Foundation's date components).
-struct DateComponents {
+struct ZBIAP_EXPORT DateComponents {
   std::optional<int64_t> era;
   std::optional<int64_t> year;
   std::optional<int64_t> month;
@@ -37,7 +38,7 @@ struct DateComponents {
 
 }  // namespace zbiap
 
-class ZBIAPDateTools {
+class ZBIAP_EXPORT ZBIAPDateTools {
  public:
   // The calling thread's instance.
   static ZBIAPDateTools& dateTools();
