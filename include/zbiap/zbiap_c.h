@@ -23,7 +23,8 @@
    calls zbiap_platform_drain() / zbiap_platform_run_for(), or the platform's own thread. The
    account store's callbacks run on the thread that restores. The getters may be called from
    any thread; make and destroy objects on one thread. A callback may call back into the API
-   except to destroy the object it belongs to. */
+   except to destroy the object it belongs to; it may run while the library holds a lock, so it
+   must not wait for another thread that calls the API. */
 #ifndef ZBIAP_ZBIAP_C_H_
 #define ZBIAP_ZBIAP_C_H_
 
@@ -90,7 +91,8 @@ ZBIAP_EXPORT int zbiap_platform_next_due(zbiap_platform* platform, int64_t* mill
 /* Runs the main queue on the calling thread for `milliseconds`. */
 ZBIAP_EXPORT int zbiap_platform_run_for(zbiap_platform* platform, int64_t milliseconds);
 /* Runs the main queue on a thread of its own until zbiap_platform_stop_thread(); callbacks then
-   arrive on that thread. WRONG_STATE when it runs already. */
+   arrive on that thread. Stop it before destroying the objects. WRONG_STATE when it runs
+   already. */
 ZBIAP_EXPORT int zbiap_platform_start_thread(zbiap_platform* platform);
 ZBIAP_EXPORT int zbiap_platform_stop_thread(zbiap_platform* platform);
 
