@@ -7,9 +7,12 @@ find_package(CURL REQUIRED)
 find_package(fmt REQUIRED)
 find_package(simdjson REQUIRED)
 find_package(ICU REQUIRED COMPONENTS uc i18n)
-# Only the development servers (tool and tests) serve HTTP.
+# Only the development servers serve HTTP: required for the tool and the tests, optional for a
+# build of the library alone (a project that adds this one may still link zbiap_devserver).
 if(ZBIAP_BUILD_TOOLS OR ZBIAP_BUILD_TESTS OR ZBIAP_BUILD_BENCH OR ZBIAP_BUILD_FUZZ)
   pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+else()
+  pkg_check_modules(HTTPLIB QUIET IMPORTED_TARGET cpp-httplib)
 endif()
 if(ZBIAP_BUILD_TESTS)
   find_package(GTest REQUIRED)
