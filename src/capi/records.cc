@@ -39,7 +39,7 @@ struct Purchase {
   int64_t quantity;
 };
 
-// Checks the list and the index (and, when given, the field) of a snapshot accessor.
+// Checks the list and the index of a snapshot accessor.
 template <typename List>
 int checkRow(const List* list, size_t index, const char* what) {
   if (list == nullptr) return nullArgument(what);
@@ -55,6 +55,27 @@ int checkField(int field, size_t count, const char* what) {
   if (field >= 0 && static_cast<size_t>(field) < count) return ZBIAP_OK;
   return fail(ZBIAP_ERROR_INVALID_ARGUMENT,
               "unknown " + std::string(what) + " " + std::to_string(field));
+}
+
+// The count and the text accessors, alike for both snapshots.
+template <typename List>
+int countOf(const List* list, size_t* count, const char* what) {
+  if (list == nullptr) return nullArgument(what);
+  if (count == nullptr) return nullArgument("count");
+  *count = list->rows.size();
+  return ZBIAP_OK;
+}
+
+template <typename List>
+int textOf(const List* list, size_t index, int field, const char** text, const char* what) {
+  return guarded([&] {
+    if (int status = checkRow(list, index, what)) return status;
+    const auto& texts = list->rows[index].texts;
+    if (int status = checkField(field, texts.size(), "field")) return status;
+    if (text == nullptr) return nullArgument("text");
+    *text = texts[field] ? texts[field]->c_str() : nullptr;
+    return int{ZBIAP_OK};
+  });
 }
 
 }  // namespace zbiap::capi
@@ -105,22 +126,12 @@ int zbiap_manager_copy_products(zbiap_manager* manager, zbiap_products** out) {
 }
 
 int zbiap_products_count(const zbiap_products* products, size_t* count) {
-  if (products == nullptr) return nullArgument("products");
-  if (count == nullptr) return nullArgument("count");
-  *count = products->rows.size();
-  return ZBIAP_OK;
+  return zbiap::capi::countOf(products, count, "products");
 }
 
 int zbiap_products_text(const zbiap_products* products, size_t index, int field,
                         const char** text) {
-  return guarded([&] {
-    if (int status = checkRow(products, index, "products")) return status;
-    if (int status = checkField(field, 8, "product text")) return status;
-    if (text == nullptr) return nullArgument("text");
-    const auto& value = products->rows[index].texts[field];
-    *text = value ? value->c_str() : nullptr;
-    return int{ZBIAP_OK};
-  });
+  return zbiap::capi::textOf(products, index, field, text, "products");
 }
 
 int zbiap_products_color(const zbiap_products* products, size_t index, int which, double rgba[4],
@@ -199,22 +210,12 @@ int zbiap_manager_copy_purchases(zbiap_manager* manager, zbiap_purchases** out) 
 }
 
 int zbiap_purchases_count(const zbiap_purchases* purchases, size_t* count) {
-  if (purchases == nullptr) return nullArgument("purchases");
-  if (count == nullptr) return nullArgument("count");
-  *count = purchases->rows.size();
-  return ZBIAP_OK;
+  return zbiap::capi::countOf(purchases, count, "purchases");
 }
 
 int zbiap_purchases_text(const zbiap_purchases* purchases, size_t index, int field,
                          const char** text) {
-  return guarded([&] {
-    if (int status = checkRow(purchases, index, "purchases")) return status;
-    if (int status = checkField(field, 7, "purchase text")) return status;
-    if (text == nullptr) return nullArgument("text");
-    const auto& value = purchases->rows[index].texts[field];
-    *text = value ? value->c_str() : nullptr;
-    return int{ZBIAP_OK};
-  });
+  return zbiap::capi::textOf(purchases, index, field, text, "purchases");
 }
 
 int zbiap_purchases_quantity(const zbiap_purchases* purchases, size_t index, int64_t* quantity) {
