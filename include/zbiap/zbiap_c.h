@@ -127,7 +127,8 @@ typedef struct zbiap_account_store_options {
   const char* (*read_purchases)(void* context);
 } zbiap_account_store_options;
 
-/* The App Store store (on Linux, the simulator's). Needs the platform. */
+/* The App Store store (on Linux, the simulator's). Needs the platform. Free with
+   zbiap_store_destroy(), as every store. */
 ZBIAP_EXPORT int zbiap_store_create_app_store(zbiap_store** out);
 /* The account store: purchases held by the user's account on the vendor's server. */
 ZBIAP_EXPORT int zbiap_store_create_account_store(const zbiap_account_store_options* options,
@@ -150,6 +151,8 @@ typedef struct zbiap_fetcher_options {
   const char* accept;          /* Accept header; NULL: "application/json" */
 } zbiap_fetcher_options;
 
+/* The fetcher of the catalogue. INVALID_ARGUMENT for a signature key that is no such key. Free
+   with zbiap_fetcher_destroy(). */
 ZBIAP_EXPORT int zbiap_fetcher_create(const zbiap_fetcher_options* options, zbiap_fetcher** out);
 ZBIAP_EXPORT int zbiap_fetcher_destroy(zbiap_fetcher* fetcher);
 
@@ -191,9 +194,10 @@ typedef void (*zbiap_done_fn)(void* context, const zbiap_error* error);
 typedef void (*zbiap_restore_fn)(void* context, int result, const zbiap_error* error);
 typedef void (*zbiap_notification_fn)(void* context, int notification);
 
-/* A manager over the options' store and fetcher. Nothing starts before zbiap_manager_commit(). */
+/* A manager over the options' store and fetcher, which it keeps. Nothing starts before
+   zbiap_manager_commit(). Free with zbiap_manager_destroy(). */
 ZBIAP_EXPORT int zbiap_manager_create(const zbiap_manager_options* options, zbiap_manager** out);
-/* Callbacks of requests still in flight are dropped. */
+/* Frees the handle; callbacks of requests still in flight are dropped. */
 ZBIAP_EXPORT int zbiap_manager_destroy(zbiap_manager* manager);
 /* Starts it: saved catalogue, country, catalogue query. */
 ZBIAP_EXPORT int zbiap_manager_commit(zbiap_manager* manager);
@@ -270,7 +274,7 @@ enum {
   ZBIAP_PURCHASE_PRODUCT_ID = 0,
   ZBIAP_PURCHASE_TRANSACTION_ID = 1,
   ZBIAP_PURCHASE_ORIGINAL_TRANSACTION_ID = 2,
-  ZBIAP_PURCHASE_DATE = 3, /* RFC 3339, UTC */
+  ZBIAP_PURCHASE_DATE = 3, /* RFC 3339 with the local offset ("...T10:20:30+01:00") */
   ZBIAP_PURCHASE_ORIGINAL_DATE = 4,
   ZBIAP_PURCHASE_EXPIRATION_DATE = 5,
   ZBIAP_PURCHASE_CANCELLATION_DATE = 6
