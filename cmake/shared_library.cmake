@@ -16,8 +16,12 @@ target_link_libraries(zbiap_shared PUBLIC fmt::fmt
   PRIVATE Threads::Threads simdjson::simdjson SQLite::SQLite3 CURL::libcurl ICU::i18n ICU::uc
           OpenSSL::Crypto)
 set(_zbiap_map "${PROJECT_SOURCE_DIR}/cmake/libzbiap.map")
-target_link_options(zbiap_shared PRIVATE "LINKER:--version-script=${_zbiap_map}"
-                    "LINKER:--no-undefined")
+target_link_options(zbiap_shared PRIVATE "LINKER:--version-script=${_zbiap_map}")
+if(NOT ZBIAP_SANITIZE AND NOT ZBIAP_BUILD_FUZZ)
+  # Every name resolved at link time. (A sanitizer's runtime is linked into the executable only,
+  # so its names stay open in the library.)
+  target_link_options(zbiap_shared PRIVATE "LINKER:--no-undefined")
+endif()
 set_target_properties(zbiap_shared PROPERTIES
   OUTPUT_NAME zbiap
   EXPORT_NAME shared
