@@ -84,9 +84,12 @@ int zbiap_platform_create(const zbiap_platform_options* options, zbiap_platform*
 int zbiap_platform_destroy(zbiap_platform* platform) {
   return guarded([&] {
     if (int status = checkPlatform(platform)) return status;
-    if (zbiap::capi::liveObjects() > 0 || gSimulator != nullptr) {
-      return fail(ZBIAP_ERROR_WRONG_STATE,
-                  "destroy the managers, stores, fetchers and the simulator first");
+    {
+      std::lock_guard lock(singletonMutex());
+      if (zbiap::capi::liveObjects() > 0 || gSimulator != nullptr) {
+        return fail(ZBIAP_ERROR_WRONG_STATE,
+                    "destroy the managers, stores, fetchers and the simulator first");
+      }
     }
     zbiap_platform_stop_thread(platform);
     // What the objects posted on their way out.
