@@ -84,7 +84,8 @@ ZBIAP_EXPORT int zbiap_platform_create(const zbiap_platform_options* options, zb
 ZBIAP_EXPORT int zbiap_platform_destroy(zbiap_platform* platform);
 /* A file descriptor that turns readable when work is posted; the host polls it. -1 if none. */
 ZBIAP_EXPORT int zbiap_platform_wakeup_fd(zbiap_platform* platform, int* fd);
-/* Runs the tasks that are due now, on the calling thread; `ran` (may be NULL) gets their number. */
+/* Runs the tasks that are due now, on the calling thread; `ran` (may be NULL) gets their number.
+   WRONG_STATE while the platform's own thread runs the queue, as for zbiap_platform_run_for(). */
 ZBIAP_EXPORT int zbiap_platform_drain(zbiap_platform* platform, size_t* ran);
 /* Milliseconds until the next timer is due: 0 when something is due, -1 when nothing waits. */
 ZBIAP_EXPORT int zbiap_platform_next_due(zbiap_platform* platform, int64_t* milliseconds);
