@@ -12,6 +12,9 @@ function(zbiap_layer name)
       PRIVATE ${PROJECT_SOURCE_DIR}/src)
     target_link_libraries(zbiap_${name} PUBLIC ${ARG_DEPS}
                           PRIVATE ${ARG_PRIVATE_DEPS} $<BUILD_INTERFACE:zbiap_warnings>)
+    # Hidden unless marked ZBIAP_EXPORT: the shared library is linked from these same objects.
+    set_target_properties(zbiap_${name} PROPERTIES CXX_VISIBILITY_PRESET hidden
+                          VISIBILITY_INLINES_HIDDEN ON)
   else()
     add_library(zbiap_${name} INTERFACE)
     target_include_directories(zbiap_${name}

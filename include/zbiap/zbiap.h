@@ -12,6 +12,7 @@
 #include "zbiap/catalog/product_info_response.h"
 #include "zbiap/catalog/product_info_v1_fetcher.h"
 #include "zbiap/catalog/small_set.h"
+#include "zbiap/export.h"
 #include "zbiap/foundation/color.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/decimal.h"
@@ -39,10 +40,10 @@
 #include "zbiap/receipt/asn1_tag.h"
 #include "zbiap/receipt/asn1_tree.h"
 #include "zbiap/receipt/big_num.h"
-#include "zbiap/store/compound_store.h"
-#include "zbiap/store/file_monitor.h"
 #include "zbiap/receipt/receipt_iap.h"
 #include "zbiap/receipt/receipt_parser.h"
+#include "zbiap/store/compound_store.h"
+#include "zbiap/store/file_monitor.h"
 #include "zbiap/store/store.h"
 #include "zbiap/store/store_apple.h"
 #include "zbiap/store/store_morvane.h"
@@ -60,7 +61,7 @@
 #include "zbiap/support/memory_logger.h"
 
 // The library's version as a number (1.0) and as a what-string ("@(#)PROGRAM:zbiap ...").
-extern "C" const double ZBIAPVersionNumber;
-extern "C" const unsigned char ZBIAPVersionString[];
+extern "C" ZBIAP_EXPORT const double ZBIAPVersionNumber;
+extern "C" ZBIAP_EXPORT const unsigned char ZBIAPVersionString[];
 
 #endif  // ZBIAP_ZBIAP_H_

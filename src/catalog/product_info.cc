@@ -204,10 +204,12 @@ std::string ZBIAPProductInfoV1::description() const {
   std::string price;
   if (product() != nullptr) {
     std::optional<std::string> text = localizedPrice();
-    price = " " + (text ? *text : std::string("(null)"));
+    // Formatted rather than concatenated: g++ 12 at -O3 gives a false -Wrestrict on the inlined
+    // `" " + std::string`.
+    price = fmt::format(" {}", text ? std::string_view(*text) : std::string_view("(null)"));
   }
   std::string group;
-  if (const std::string* id = subscriptionGroupID()) group = " Group ID: " + *id;
+  if (const std::string* id = subscriptionGroupID()) group = fmt::format(" Group ID: {}", *id);
   const std::string* title = localizedTitle();
   return fmt::format("<ZBIAPProductInfoV1:{} '{}'{}{}{}{}{} - {}>", static_cast<const void*>(this),
                      productIdentifier(), inactive_ ? " (inactive)" : " (ACTIVE)",

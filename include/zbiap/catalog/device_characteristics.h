@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 #include "zbiap/receipt/receipt_iap.h"
 
@@ -21,7 +22,7 @@ inline constexpr char ZBIAPDeviceCharacteristicsKeyAvailableIAPs[] = "available_
 inline constexpr char ZBIAPDeviceCharacteristicsKeyProductID[] = "product_id";
 inline constexpr char ZBIAPDeviceCharacteristicsKeyExpiration[] = "expiration";
 
-class ZBIAPDeviceCharacteristics {
+class ZBIAP_EXPORT ZBIAPDeviceCharacteristics {
  public:
   ZBIAPDeviceCharacteristics() = delete;
 

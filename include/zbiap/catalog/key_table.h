@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 
 namespace zbiap {
@@ -32,7 +33,7 @@ enum class RequirementLevel : uint8_t {
 // platform's first preferred language ("en-GB" gives "en"; a shorter tag is taken whole; no
 // preferred language gives the empty text). Looked up on first use, then kept, so a catalogue
 // built with one CatalogLanguage has all its texts in one language.
-class CatalogLanguage {
+class ZBIAP_EXPORT CatalogLanguage {
  public:
   // Looks the language up when first asked for it.
   CatalogLanguage() = default;

@@ -18,9 +18,10 @@
 
 #include "zbiap/catalog/key_table.h"
 #include "zbiap/catalog/small_set.h"
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 
-class ZBIAPProductFeature {
+class ZBIAP_EXPORT ZBIAPProductFeature {
  public:
   virtual ~ZBIAPProductFeature() = default;
 
@@ -36,7 +37,7 @@ class ZBIAPProductFeature {
   virtual std::string description() const = 0;
 };
 
-class ZBIAPProductFeatureV1 final : public ZBIAPProductFeature {
+class ZBIAP_EXPORT ZBIAPProductFeatureV1 final : public ZBIAPProductFeature {
  public:
   // The fields the key table fills.
   enum class Field : uint8_t { kIdentifier, kMetadata };

@@ -25,6 +25,7 @@
 #include "zbiap/catalog/key_table.h"
 #include "zbiap/catalog/product_feature.h"
 #include "zbiap/catalog/small_set.h"
+#include "zbiap/export.h"
 #include "zbiap/foundation/color.h"
 #include "zbiap/foundation/decimal.h"
 #include "zbiap/foundation/value.h"
@@ -38,7 +39,7 @@ using ValueSet = SmallSet<Value>;
 
 }  // namespace zbiap
 
-class ZBIAPProductInfo {
+class ZBIAP_EXPORT ZBIAPProductInfo {
  public:
   virtual ~ZBIAPProductInfo() = default;
 
@@ -66,7 +67,7 @@ class ZBIAPProductInfo {
   virtual std::string description() const = 0;
 };
 
-class ZBIAPProductInfoV1 final : public ZBIAPProductInfo {
+class ZBIAP_EXPORT ZBIAPProductInfoV1 final : public ZBIAPProductInfo {
  public:
   // The fields the key table fills.
   enum class Field : uint8_t {

@@ -15,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/error.h"
 
 class ZBIAPProductInfoResponse;
@@ -24,7 +25,7 @@ namespace zbiap {
 
 // The side of the manager a fetcher sees. The manager implements it; tests and tools may supply
 // their own. Every member may be called from any thread.
-class ProductInfoFetcherOwner {
+class ZBIAP_EXPORT ProductInfoFetcherOwner {
  public:
   virtual ~ProductInfoFetcherOwner() = default;
   // The App Store country once it is known, else nullopt.
@@ -38,7 +39,7 @@ class ProductInfoFetcherOwner {
 
 }  // namespace zbiap
 
-class ZBIAPProductInfoFetcher {
+class ZBIAP_EXPORT ZBIAPProductInfoFetcher {
  public:
   using SuccessBlock = std::function<void(std::shared_ptr<ZBIAPProductInfoResponse> response)>;
   using FailureBlock = std::function<void(ZBIAPErrorPtr error)>;

@@ -14,9 +14,10 @@
 
 #include "zbiap/catalog/product_feature.h"
 #include "zbiap/catalog/product_info.h"
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 
-class ZBIAPProductInfoResponse {
+class ZBIAP_EXPORT ZBIAPProductInfoResponse {
  public:
   using ProductInfos = std::vector<std::shared_ptr<ZBIAPProductInfo>>;
   using FeatureSet = zbiap::ProductFeatureSet;

@@ -22,6 +22,7 @@
 
 #include "zbiap/catalog/product_info_fetcher.h"
 #include "zbiap/catalog/product_info_response.h"
+#include "zbiap/export.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/foundation/value.h"
 
@@ -39,7 +40,7 @@ inline constexpr char ZBIAPErrorDomain[] = "ZBIAPErrorDomain";
 inline constexpr char ZBIAPErrorInternalDescriptionKey[] = "ZBIAPErrorInternalDescription";
 
 // One waiting caller's pair of callbacks.
-class ZBIAPProductInfoV1FetcherBlocks {
+class ZBIAP_EXPORT ZBIAPProductInfoV1FetcherBlocks {
  public:
   ZBIAPProductInfoFetcher::SuccessBlock success;
   ZBIAPProductInfoFetcher::FailureBlock failure;
@@ -47,7 +48,7 @@ class ZBIAPProductInfoV1FetcherBlocks {
 using ZBIAPProductInfoV1FetcherBlocksArray =
     std::vector<std::shared_ptr<ZBIAPProductInfoV1FetcherBlocks>>;
 
-class ZBIAPProductInfoV1Fetcher final
+class ZBIAP_EXPORT ZBIAPProductInfoV1Fetcher final
     : public ZBIAPProductInfoFetcher,
       public std::enable_shared_from_this<ZBIAPProductInfoV1Fetcher> {
  public:

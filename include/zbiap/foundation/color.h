@@ -7,7 +7,9 @@
 
 #include <string>
 
-struct ZBIAPColor {
+#include "zbiap/export.h"
+
+struct ZBIAP_EXPORT ZBIAPColor {
   double red = 0, green = 0, blue = 0, alpha = 1;
 
   static ZBIAPColor fromRGBA(double r, double g, double b, double a = 1) {

@@ -10,9 +10,11 @@
 #include <cstdint>
 #include <string>
 
+#include "zbiap/export.h"
+
 namespace zbiap {
 
-class Date {
+class ZBIAP_EXPORT Date {
  public:
   using Micros = std::chrono::microseconds;
 

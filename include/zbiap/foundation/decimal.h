@@ -13,9 +13,11 @@
 #include <string>
 #include <string_view>
 
+#include "zbiap/export.h"
+
 namespace zbiap {
 
-class Decimal {
+class ZBIAP_EXPORT Decimal {
  public:
   using Mantissa = unsigned __int128;
 

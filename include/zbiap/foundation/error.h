@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 
 namespace zbiap {
@@ -29,7 +30,7 @@ inline constexpr char kNSCocoaErrorDomain[] = "NSCocoaErrorDomain";
 class ZBIAPError;
 using ZBIAPErrorPtr = std::shared_ptr<const ZBIAPError>;
 
-class ZBIAPError {
+class ZBIAP_EXPORT ZBIAPError {
  public:
   // `userInfo` is a dictionary or nil.
   static ZBIAPErrorPtr make(std::string domain, int64_t code, zbiap::Dictionary userInfo = {},

@@ -13,13 +13,14 @@
 #include <string>
 #include <string_view>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 
 namespace zbiap {
 
 inline constexpr size_t kMaxJSONDepth = 512;
 
-std::optional<Value> parseJSON(std::string_view text, std::string* error = nullptr);
+ZBIAP_EXPORT std::optional<Value> parseJSON(std::string_view text, std::string* error = nullptr);
 // As parseJSON, for readers that take only a document: a top level that is a bare number,
 // string, boolean or null is refused like a syntax error.
 inline std::optional<Value> parseJSONDocument(std::string_view text, std::string* error = nullptr) {
@@ -32,7 +33,7 @@ inline std::optional<Value> parseJSONDocument(std::string_view text, std::string
   }
   return value;
 }
-std::string toJSON(const Value& value);
+ZBIAP_EXPORT std::string toJSON(const Value& value);
 
 }  // namespace zbiap
 

@@ -22,6 +22,7 @@
 #include <variant>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/decimal.h"
 
@@ -34,7 +35,7 @@ class ValueAccess;  // the JSON reader's way to build values without a heap allo
 using Data = std::vector<uint8_t>;
 
 // Insertion-ordered string-keyed map. Setting an existing key replaces its value in place.
-class Dictionary {
+class ZBIAP_EXPORT Dictionary {
  public:
   using Entry = std::pair<std::string, Value>;
 
@@ -78,7 +79,7 @@ class Dictionary {
 
 using Array = std::vector<Value>;
 
-class Value {
+class ZBIAP_EXPORT Value {
  public:
   enum class Type {
     kNil,
@@ -182,7 +183,7 @@ inline std::vector<Dictionary::Entry>::const_iterator Dictionary::end() const {
 }
 
 // The shared nil, for lookups that return references.
-const Value& nilValue();
+ZBIAP_EXPORT const Value& nilValue();
 
 }  // namespace zbiap
 

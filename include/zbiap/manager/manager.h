@@ -24,6 +24,7 @@
 #include "zbiap/catalog/product_info.h"
 #include "zbiap/catalog/product_info_fetcher.h"
 #include "zbiap/catalog/product_info_response.h"
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/foundation/value.h"
@@ -53,9 +54,9 @@ inline constexpr char ZBIAPManagerStoreDidUpdateNotification[] =
 // The manager's own errors; code 0: the manager is not ready.
 inline constexpr char ZBIAPManagerErrorDomain[] = "ZBIAPManagerErrorDomain";
 
-class ZBIAPManager final : public ZBIAPStoreDelegate,
-                           public zbiap::ProductInfoFetcherOwner,
-                           public std::enable_shared_from_this<ZBIAPManager> {
+class ZBIAP_EXPORT ZBIAPManager final : public ZBIAPStoreDelegate,
+                                        public zbiap::ProductInfoFetcherOwner,
+                                        public std::enable_shared_from_this<ZBIAPManager> {
  public:
   using ProductInfoPtr = std::shared_ptr<ZBIAPProductInfo>;
   using ProductInfos = std::vector<ProductInfoPtr>;

@@ -11,10 +11,12 @@
 #include <string>
 #include <string_view>
 
+#include "zbiap/export.h"
+
 class ZBIAPStore;
 class ZBIAPProductInfoFetcher;
 
-class ZBIAPManagerConfiguration {
+class ZBIAP_EXPORT ZBIAPManagerConfiguration {
  public:
   // Refuses, in this order, a null store, an empty country product identifier, an empty
   // fallback country code and a null fetcher.

@@ -9,11 +9,12 @@
 #include <optional>
 #include <string_view>
 
+#include "zbiap/export.h"
 #include "zbiap/platform/platform.h"
 
 namespace zbiap {
 
-class DirectoryBundle final : public Bundle {
+class ZBIAP_EXPORT DirectoryBundle final : public Bundle {
  public:
   // The receipt URL defaults to <directory>/_MASReceipt/receipt.
   explicit DirectoryBundle(std::filesystem::path directory);

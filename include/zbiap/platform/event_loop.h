@@ -17,13 +17,14 @@
 #include <optional>
 #include <thread>
 
+#include "zbiap/export.h"
 #include "zbiap/platform/main_queue.h"
 
 namespace zbiap {
 
 class TimerQueue;
 
-class EventLoop final : public MainQueue {
+class ZBIAP_EXPORT EventLoop final : public MainQueue {
  public:
   EventLoop();
   ~EventLoop() override;

@@ -21,6 +21,8 @@
 #include <memory>
 #include <string>
 
+#include "zbiap/export.h"
+
 namespace zbiap {
 
 // Event bits, with the values of the file-node event source's mask.
@@ -38,7 +40,7 @@ enum FileEvent : uint32_t {
 // The error number for "no such file or directory" (2 on every platform the library targets).
 inline constexpr int kFileErrorNoSuchFile = 2;
 
-class FileWatch {
+class ZBIAP_EXPORT FileWatch {
  public:
   // Called with the event bits of one delivered batch.
   using EventHandler = std::function<void(uint32_t events)>;
@@ -73,7 +75,7 @@ class FileWatch {
 };
 
 // The system's text for an error number ("Permission denied").
-std::string systemErrorText(int errorNumber);
+ZBIAP_EXPORT std::string systemErrorText(int errorNumber);
 
 }  // namespace zbiap
 

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/foundation/value.h"
 #include "zbiap/platform/main_queue.h"
@@ -49,9 +50,10 @@ inline constexpr char kNSDebugDescriptionKey[] = "NSDebugDescription";
 using HttpHeaderFields = std::vector<std::pair<std::string, std::string>>;
 
 // The value of header `name`, several occurrences joined by ", "; nullopt when absent.
-std::optional<std::string> httpHeaderValue(const HttpHeaderFields& fields, std::string_view name);
+ZBIAP_EXPORT std::optional<std::string> httpHeaderValue(const HttpHeaderFields& fields,
+                                                        std::string_view name);
 
-struct HttpRequest {
+struct ZBIAP_EXPORT HttpRequest {
   std::string method = "GET";
   std::string url;
   HttpHeaderFields headers;
@@ -71,7 +73,7 @@ struct HttpRequest {
   void setBody(std::string_view text) { body.assign(text.begin(), text.end()); }
 };
 
-struct HttpResponse {
+struct ZBIAP_EXPORT HttpResponse {
   int statusCode = 0;
   // The final answer's fields (those of redirects and interim answers are dropped).
   HttpHeaderFields headers;
@@ -88,7 +90,7 @@ struct HttpResponse {
   }
 };
 
-class HttpClient {
+class ZBIAP_EXPORT HttpClient {
  public:
   // Exactly one of the two is non-null.
   using Completion = std::function<void(std::shared_ptr<const HttpResponse>, ZBIAPErrorPtr)>;

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/platform/directory_bundle.h"
 #include "zbiap/platform/event_loop.h"
 #include "zbiap/platform/platform.h"
@@ -22,7 +23,7 @@
 
 namespace zbiap {
 
-class LinuxPlatform final : public Platform {
+class ZBIAP_EXPORT LinuxPlatform final : public Platform {
  public:
   struct Options {
     // The main bundle's directory; empty: $ZBIAP_BUNDLE_DIR, else the executable's directory.
@@ -69,7 +70,7 @@ class LinuxPlatform final : public Platform {
 
 // Writes one line to standard error as the system log does: local time, process name and id,
 // then the text, in one write.
-void writeSystemLogLine(std::string_view line);
+ZBIAP_EXPORT void writeSystemLogLine(std::string_view line);
 
 }  // namespace zbiap
 

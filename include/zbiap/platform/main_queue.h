@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 
 namespace zbiap {
@@ -19,13 +20,13 @@ namespace zbiap {
 using Task = std::function<void()>;
 using Duration = std::chrono::microseconds;
 
-class TaskQueue {
+class ZBIAP_EXPORT TaskQueue {
  public:
   virtual ~TaskQueue() = default;
   virtual void post(Task task) = 0;
 };
 
-class MainQueue : public TaskQueue {
+class ZBIAP_EXPORT MainQueue : public TaskQueue {
  public:
   using TimerId = uint64_t;
   // Runs `task` on the main thread once `delay` has passed on this queue's clock.

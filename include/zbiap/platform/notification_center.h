@@ -14,18 +14,19 @@
 #include <string>
 #include <string_view>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 #include "zbiap/platform/observer_token.h"
 
 namespace zbiap {
 
-struct Notification {
+struct ZBIAP_EXPORT Notification {
   std::string_view name;
   const void* object = nullptr;          // The sender, or null.
   const Dictionary* userInfo = nullptr;  // Null when the post carried none.
 };
 
-class NotificationCenter {
+class ZBIAP_EXPORT NotificationCenter {
  public:
   using Callback = std::function<void(const Notification&)>;
 

@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/value.h"
 #include "zbiap/platform/main_queue.h"
@@ -25,7 +26,7 @@ namespace zbiap {
 // transaction (the "synchronize" of Foundation), so a crash leaves each key at its old or new
 // value. A write that fails is reported to the system log and returns false; reads of an
 // unreadable store give "absent".
-class UserDefaults {
+class ZBIAP_EXPORT UserDefaults {
  public:
   virtual ~UserDefaults() = default;
   virtual std::optional<std::string> stringForKey(std::string_view key) = 0;
@@ -36,7 +37,7 @@ class UserDefaults {
 };
 
 // The application bundle: a directory with resources and Info.json (the info dictionary).
-class Bundle {
+class ZBIAP_EXPORT Bundle {
  public:
   virtual ~Bundle() = default;
   virtual std::filesystem::path bundlePath() const = 0;
@@ -49,14 +50,14 @@ class Bundle {
   virtual std::filesystem::path appStoreReceiptURL() const = 0;
 };
 
-struct DeviceInfo {
+struct ZBIAP_EXPORT DeviceInfo {
   std::string model;          // "Linux PC", UIDevice's model
   std::string systemName;     // "Linux"
   std::string systemVersion;  // kernel release, "6.1.0"
   std::string machineModel;   // hw.machine: "x86_64"
 };
 
-class Platform {
+class ZBIAP_EXPORT Platform {
  public:
   virtual ~Platform() = default;
 

@@ -12,11 +12,12 @@
 #include <utility>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/platform/platform.h"
 
 namespace zbiap {
 
-class PlatformWrapper : public Platform {
+class ZBIAP_EXPORT PlatformWrapper : public Platform {
  public:
   explicit PlatformWrapper(std::shared_ptr<Platform> target) : target_(std::move(target)) {}
   PlatformWrapper(const PlatformWrapper&) = delete;

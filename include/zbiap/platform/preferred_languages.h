@@ -13,14 +13,16 @@
 #include <string_view>
 #include <vector>
 
+#include "zbiap/export.h"
+
 namespace zbiap {
 
 using EnvironmentLookup = std::function<std::optional<std::string>(std::string_view name)>;
 
-std::vector<std::string> preferredLanguagesFromLocale(const EnvironmentLookup& getenv);
+ZBIAP_EXPORT std::vector<std::string> preferredLanguagesFromLocale(const EnvironmentLookup& getenv);
 
 // One POSIX locale name as a BCP 47 tag; nullopt for "C", "POSIX" and malformed names.
-std::optional<std::string> languageTagFromLocaleName(std::string_view locale);
+ZBIAP_EXPORT std::optional<std::string> languageTagFromLocaleName(std::string_view locale);
 
 }  // namespace zbiap
 

@@ -19,13 +19,14 @@
 #include <string>
 #include <string_view>
 
+#include "zbiap/export.h"
 #include "zbiap/platform/platform.h"
 
 struct sqlite3;
 
 namespace zbiap {
 
-class SQLiteUserDefaults final : public UserDefaults {
+class ZBIAP_EXPORT SQLiteUserDefaults final : public UserDefaults {
  public:
   using LogSink = std::function<void(std::string_view line)>;
   struct Options {
@@ -80,7 +81,7 @@ class SQLiteUserDefaults final : public UserDefaults {
 // Where the defaults of the application `app` live when the host names no file:
 // $XDG_DATA_HOME/zbiap/<app>/defaults.sqlite3, else ~/.local/share/zbiap/<app>/defaults.sqlite3.
 // `app` is made safe as a single path component; empty gives "default".
-std::filesystem::path defaultUserDefaultsPath(std::string_view app);
+ZBIAP_EXPORT std::filesystem::path defaultUserDefaultsPath(std::string_view app);
 
 }  // namespace zbiap
 

@@ -11,11 +11,12 @@
 #include <thread>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/platform/main_queue.h"
 
 namespace zbiap {
 
-class ThreadPool final : public TaskQueue {
+class ZBIAP_EXPORT ThreadPool final : public TaskQueue {
  public:
   explicit ThreadPool(size_t threads = 2);
   ~ThreadPool() override;

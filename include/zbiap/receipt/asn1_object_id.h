@@ -15,7 +15,9 @@
 #include <string_view>
 #include <vector>
 
-class ZBIAPASN1ObjectID {
+#include "zbiap/export.h"
+
+class ZBIAP_EXPORT ZBIAPASN1ObjectID {
  public:
   // From content octets. Absolute identifiers take their first two arcs from the first octet
   // (b / 40 and b % 40); every other arc is a base-128 sub-identifier, and one with a zero

@@ -16,10 +16,11 @@
 #include <span>
 #include <string>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 #include "zbiap/receipt/asn1_tree.h"
 
-class ZBIAPASN1Parser {
+class ZBIAP_EXPORT ZBIAPASN1Parser {
  public:
   static constexpr int kMaxDepth = 64;
 

@@ -11,9 +11,10 @@
 #include <memory>
 #include <string>
 
+#include "zbiap/export.h"
 #include "zbiap/receipt/asn1_tree.h"
 
-class ZBIAPASN1Tag {
+class ZBIAP_EXPORT ZBIAPASN1Tag {
  public:
   // Null when the value is missing, or the tag is constructed and the value is not an array,
   // or primitive and the value is not byte data.

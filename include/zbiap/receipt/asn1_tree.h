@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/decimal.h"
 #include "zbiap/foundation/value.h"
 #include "zbiap/receipt/asn1_object_id.h"
@@ -42,7 +43,7 @@ enum class ASN1Type : uint8_t {
 
 class ASN1Tree;
 
-class ASN1Node {
+class ZBIAP_EXPORT ASN1Node {
  public:
   // A node that is not there (a nil value): valid() is false, type() is kNull.
   ASN1Node() = default;
@@ -94,7 +95,7 @@ class ASN1Node {
   uint32_t index_ = 0;
 };
 
-class ASN1Tree {
+class ZBIAP_EXPORT ASN1Tree {
  public:
   ASN1Tree() = default;
   ASN1Tree(const ASN1Tree&) = delete;

@@ -6,9 +6,10 @@
 #include <memory>
 #include <string>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/value.h"
 
-class ZBIAPBigNum {
+class ZBIAP_EXPORT ZBIAPBigNum {
  public:
   // Copies the octets. Never null.
   static std::shared_ptr<ZBIAPBigNum> initWithData(zbiap::Data data);

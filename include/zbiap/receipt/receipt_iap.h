@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/value.h"
 
@@ -39,7 +40,7 @@ inline constexpr char ZBIAPReceiptKeyIAPs[] = "IAPs";
 class ZBIAPReceiptIAP;
 using ZBIAPReceiptIAPPtr = std::shared_ptr<const ZBIAPReceiptIAP>;
 
-class ZBIAPReceiptIAP final {
+class ZBIAP_EXPORT ZBIAPReceiptIAP final {
   struct PrivateKey {
     explicit PrivateKey() = default;
   };
@@ -120,7 +121,7 @@ struct std::hash<ZBIAPReceiptIAP> {
 };
 
 // Whatever can list purchase records.
-class ZBIAPReceiptProvider {
+class ZBIAP_EXPORT ZBIAPReceiptProvider {
  public:
   virtual ~ZBIAPReceiptProvider() = default;
   virtual std::vector<ZBIAPReceiptIAPPtr> inAppPurchases() const = 0;

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/foundation/value.h"
@@ -31,7 +32,7 @@ namespace zbiap::internal {
 struct DecodedReceipt;
 }  // namespace zbiap::internal
 
-class ZBIAPReceiptParser : public ZBIAPReceiptProvider {
+class ZBIAP_EXPORT ZBIAPReceiptParser : public ZBIAPReceiptProvider {
  public:
   // Readers of a file or of bytes; null for a missing argument. The new reader has already
   // run refresh(), so it is loaded or holds its lastError().

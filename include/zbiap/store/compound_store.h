@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/store/store.h"
 
@@ -27,7 +28,7 @@ class ZBIAPCompoundStoreResult;
 using ZBIAPCompoundStoreResultPtr = std::shared_ptr<const ZBIAPCompoundStoreResult>;
 
 // One held store's answer to a restore.
-class ZBIAPCompoundStoreResult {
+class ZBIAP_EXPORT ZBIAPCompoundStoreResult {
  public:
   static ZBIAPCompoundStoreResultPtr initWithStore(std::shared_ptr<ZBIAPStore> store,
                                                    ZBIAPStoreRestoreResult result,
@@ -50,9 +51,10 @@ class ZBIAPCompoundStoreResult {
   const ZBIAPErrorPtr error_;
 };
 
-class ZBIAPCompoundStore final : public ZBIAPStore,
-                                 public ZBIAPStoreDelegate,
-                                 public std::enable_shared_from_this<ZBIAPCompoundStore> {
+class ZBIAP_EXPORT ZBIAPCompoundStore final
+    : public ZBIAPStore,
+      public ZBIAPStoreDelegate,
+      public std::enable_shared_from_this<ZBIAPCompoundStore> {
  public:
   using CompoundRestoreCompletion =
       std::function<void(std::vector<ZBIAPCompoundStoreResultPtr> results)>;

@@ -16,18 +16,20 @@
 #include <mutex>
 #include <optional>
 
+#include "zbiap/export.h"
+
 namespace zbiap {
 class FileWatch;
 }
 
-class ZBIAPFileMonitorDelegate {
+class ZBIAP_EXPORT ZBIAPFileMonitorDelegate {
  public:
   virtual ~ZBIAPFileMonitorDelegate() = default;
   // The watched file changed. Main queue only.
   virtual void fileHasChanged(const std::filesystem::path& fileURL) = 0;
 };
 
-class ZBIAPFileMonitor : public std::enable_shared_from_this<ZBIAPFileMonitor> {
+class ZBIAP_EXPORT ZBIAPFileMonitor : public std::enable_shared_from_this<ZBIAPFileMonitor> {
  public:
   // Starts watching at once. Null when the URL is missing or empty or the delegate is null.
   static std::shared_ptr<ZBIAPFileMonitor> initWithURL(

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/receipt/receipt_iap.h"
@@ -50,7 +51,7 @@ enum ZBIAPStoreRestoreResult : int64_t {
   ZBIAPStoreRestoreResultUnchanged = 2,  // done, nothing changed
 };
 
-class ZBIAPStoreDelegate : public ZBIAPReceiptProvider {
+class ZBIAP_EXPORT ZBIAPStoreDelegate : public ZBIAPReceiptProvider {
  public:
   // store:didDetermineCountryCode: the store learned its storefront country for the first time.
   // nullopt: the store no longer knows its country (a compound store then forgets that store's).
@@ -59,7 +60,7 @@ class ZBIAPStoreDelegate : public ZBIAPReceiptProvider {
   virtual void storeDidUpdateInformations(ZBIAPStore& store) = 0;
 };
 
-class ZBIAPStore {
+class ZBIAP_EXPORT ZBIAPStore {
  public:
   using CountryCompletion =
       std::function<void(std::optional<std::string> countryCode, ZBIAPErrorPtr error)>;
@@ -98,7 +99,8 @@ class ZBIAPStore {
 namespace zbiap {
 
 // A ZBIAPStoreErrorDomain error with `code`, and `underlying` when given.
-ZBIAPErrorPtr makeStoreError(ZBIAPStoreErrorCode code, ZBIAPErrorPtr underlying = nullptr);
+ZBIAP_EXPORT ZBIAPErrorPtr makeStoreError(ZBIAPStoreErrorCode code,
+                                          ZBIAPErrorPtr underlying = nullptr);
 
 }  // namespace zbiap
 

@@ -21,21 +21,22 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/error.h"
-#include "zbiap/store/file_monitor.h"
 #include "zbiap/receipt/receipt_parser.h"
+#include "zbiap/store/file_monitor.h"
 #include "zbiap/store/store.h"
 #include "zbiap/storekit/sk_payment_queue.h"
 #include "zbiap/storekit/sk_request.h"
 
 class ZBIAPLogger;
 
-class ZBIAPStoreApple final : public ZBIAPStore,
-                              public SKProductsRequestDelegate,
-                              public SKPaymentTransactionObserver,
-                              public ZBIAPFileMonitorDelegate,
-                              public std::enable_shared_from_this<ZBIAPStoreApple> {
+class ZBIAP_EXPORT ZBIAPStoreApple final : public ZBIAPStore,
+                                           public SKProductsRequestDelegate,
+                                           public SKPaymentTransactionObserver,
+                                           public ZBIAPFileMonitorDelegate,
+                                           public std::enable_shared_from_this<ZBIAPStoreApple> {
  public:
   // Reads the receipt once and starts observing the default payment queue.
   static std::shared_ptr<ZBIAPStoreApple> create();

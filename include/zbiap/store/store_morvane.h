@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/foundation/value.h"
 #include "zbiap/store/store.h"
@@ -36,7 +37,7 @@ using ZBIAPStoreMorvaneHeaders = std::vector<std::pair<std::string, std::string>
 
 // What the host application provides to the account store. Calls come from the thread that
 // restores (usually the main thread); answers to the header request may come from any thread.
-class ZBIAPStoreMorvaneDelegate {
+class ZBIAP_EXPORT ZBIAPStoreMorvaneDelegate {
  public:
   using HeadersCompletion =
       std::function<void(ZBIAPStoreMorvaneHeaders headers, ZBIAPErrorPtr error)>;
@@ -63,8 +64,9 @@ class ZBIAPStoreMorvaneDelegate {
   virtual zbiap::Value readInAppPurchasesForStore(ZBIAPStoreMorvane& store) = 0;
 };
 
-class ZBIAPStoreMorvane final : public ZBIAPStore,
-                                public std::enable_shared_from_this<ZBIAPStoreMorvane> {
+class ZBIAP_EXPORT ZBIAPStoreMorvane final
+    : public ZBIAPStore,
+      public std::enable_shared_from_this<ZBIAPStoreMorvane> {
  public:
   // The path asked for under the base URL.
   static constexpr char kProductsPath[] = "v1/users/products";

@@ -13,9 +13,10 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/decimal.h"
 
-class ZBIAPStoreProductSubscriptionPeriod {
+class ZBIAP_EXPORT ZBIAPStoreProductSubscriptionPeriod {
  public:
   // The values of StoreKit's period units.
   enum class Unit : uint64_t { kDay = 0, kWeek = 1, kMonth = 2, kYear = 3 };
@@ -40,7 +41,7 @@ class ZBIAPStoreProductSubscriptionPeriod {
   Unit unit_ = Unit::kDay;
 };
 
-class ZBIAPStoreProductDiscount {
+class ZBIAP_EXPORT ZBIAPStoreProductDiscount {
  public:
   // StoreKit's payment modes and discount types.
   static constexpr uint64_t kPaymentModePayAsYouGo = 0;
@@ -63,7 +64,7 @@ class ZBIAPStoreProductDiscount {
 
 using ZBIAPStoreProductDiscountPtr = std::shared_ptr<const ZBIAPStoreProductDiscount>;
 
-class ZBIAPStoreProduct {
+class ZBIAP_EXPORT ZBIAPStoreProduct {
  public:
   virtual ~ZBIAPStoreProduct() = default;
 
@@ -89,10 +90,10 @@ using ZBIAPStoreProductPtr = std::shared_ptr<const ZBIAPStoreProduct>;
 namespace zbiap {
 
 // The country code of a locale identifier ("en_US@currency=USD" -> "US"); empty for none.
-std::string countryCodeOfLocale(const std::string& localeIdentifier);
+ZBIAP_EXPORT std::string countryCodeOfLocale(const std::string& localeIdentifier);
 
 // Values of a plain product or discount.
-struct StoreProductDiscountValues {
+struct ZBIAP_EXPORT StoreProductDiscountValues {
   Decimal price;
   std::string priceLocale;
   std::string identifier;
@@ -102,7 +103,7 @@ struct StoreProductDiscountValues {
   uint64_t type = 0;
 };
 
-struct StoreProductValues {
+struct ZBIAP_EXPORT StoreProductValues {
   std::string localizedDescription;
   std::string localizedTitle;
   Decimal price;
@@ -114,8 +115,9 @@ struct StoreProductValues {
   std::vector<ZBIAPStoreProductDiscountPtr> discounts;
 };
 
-ZBIAPStoreProductDiscountPtr makeStoreProductDiscount(StoreProductDiscountValues values);
-ZBIAPStoreProductPtr makeStoreProduct(StoreProductValues values);
+ZBIAP_EXPORT ZBIAPStoreProductDiscountPtr
+makeStoreProductDiscount(StoreProductDiscountValues values);
+ZBIAP_EXPORT ZBIAPStoreProductPtr makeStoreProduct(StoreProductValues values);
 
 }  // namespace zbiap
 

@@ -14,13 +14,14 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/value.h"
 
 namespace zbiap {
 
 // An attribute written as given: the value octets are the DER encoding the OCTET STRING holds.
-struct ReceiptAttribute {
+struct ZBIAP_EXPORT ReceiptAttribute {
   int64_t type = 0;
   int64_t version = 1;
   Data value;
@@ -28,7 +29,7 @@ struct ReceiptAttribute {
 
 // One purchase. Absent fields are not written, except the expiration and cancellation dates,
 // which the App Store writes as empty strings (see ReceiptWriter::Options).
-struct ReceiptPurchase {
+struct ZBIAP_EXPORT ReceiptPurchase {
   std::optional<int64_t> quantity = 1;                       // 1701
   std::optional<std::string> productIdentifier;              // 1702
   std::optional<std::string> transactionIdentifier;          // 1703
@@ -42,7 +43,7 @@ struct ReceiptPurchase {
   std::vector<ReceiptAttribute> extraAttributes;
 };
 
-struct ReceiptContents {
+struct ZBIAP_EXPORT ReceiptContents {
   std::optional<std::string> environment = "ProductionSandbox";  // 0
   std::optional<std::string> bundleIdentifier;                   // 2
   std::optional<std::string> appVersion;                         // 3
@@ -54,7 +55,7 @@ struct ReceiptContents {
   std::vector<ReceiptAttribute> extraAttributes;
 };
 
-class ReceiptWriter {
+class ZBIAP_EXPORT ReceiptWriter {
  public:
   struct Options {
     // Write the outer constructed layers of the container (content info, signed data,

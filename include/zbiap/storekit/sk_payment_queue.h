@@ -14,13 +14,14 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/storekit/sk_product.h"
 
 class SKPaymentQueue;
 
-class SKPayment {
+class ZBIAP_EXPORT SKPayment {
  public:
   static std::shared_ptr<const SKPayment> paymentWithProduct(const SKProductPtr& product);
   const std::string& productIdentifier() const { return productIdentifier_; }
@@ -47,7 +48,7 @@ class SKPaymentTransaction;
 using SKPaymentTransactionPtr = std::shared_ptr<const SKPaymentTransaction>;
 
 // One transaction as its queue reported it at one moment.
-class SKPaymentTransaction {
+class ZBIAP_EXPORT SKPaymentTransaction {
  public:
   struct Values {
     SKPaymentPtr payment;
@@ -75,7 +76,7 @@ class SKPaymentTransaction {
   const Values v_;
 };
 
-class SKPaymentTransactionObserver {
+class ZBIAP_EXPORT SKPaymentTransactionObserver {
  public:
   virtual ~SKPaymentTransactionObserver() = default;
   // paymentQueue:updatedTransactions:
@@ -91,7 +92,7 @@ class SKPaymentTransactionObserver {
   }
 };
 
-class SKPaymentQueue {
+class ZBIAP_EXPORT SKPaymentQueue {
  public:
   virtual ~SKPaymentQueue() = default;
 

@@ -10,11 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/decimal.h"
 
 enum class SKProductPeriodUnit : uint64_t { kDay = 0, kWeek = 1, kMonth = 2, kYear = 3 };
 
-struct SKProductSubscriptionPeriod {
+struct ZBIAP_EXPORT SKProductSubscriptionPeriod {
   uint64_t numberOfUnits = 0;
   SKProductPeriodUnit unit = SKProductPeriodUnit::kDay;
   friend bool operator==(const SKProductSubscriptionPeriod&,
@@ -32,7 +33,7 @@ enum SKProductDiscountType : uint64_t {
   SKProductDiscountTypeSubscription = 1,
 };
 
-struct SKProductDiscount {
+struct ZBIAP_EXPORT SKProductDiscount {
   zbiap::Decimal price;
   std::string priceLocale;  // "en_US@currency=USD"
   std::string identifier;   // empty for an introductory offer
@@ -44,7 +45,7 @@ struct SKProductDiscount {
 
 using SKProductDiscountPtr = std::shared_ptr<const SKProductDiscount>;
 
-struct SKProductValues {
+struct ZBIAP_EXPORT SKProductValues {
   std::string localizedDescription;
   std::string localizedTitle;
   zbiap::Decimal price;
@@ -57,7 +58,7 @@ struct SKProductValues {
   bool isFamilyShareable = false;
 };
 
-class SKProduct {
+class ZBIAP_EXPORT SKProduct {
  public:
   explicit SKProduct(SKProductValues values) : v_(std::move(values)) {}
   SKProduct(const SKProduct&) = delete;

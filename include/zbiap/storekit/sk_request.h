@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/foundation/value.h"
 #include "zbiap/storekit/sk_product.h"
@@ -24,7 +25,7 @@
 class SKRequest;
 class SKProductsRequest;
 
-class SKRequestDelegate {
+class ZBIAP_EXPORT SKRequestDelegate {
  public:
   virtual ~SKRequestDelegate() = default;
   virtual void requestDidFinish(const std::shared_ptr<SKRequest>& request) { (void)request; }
@@ -35,7 +36,7 @@ class SKRequestDelegate {
   }
 };
 
-class SKProductsResponse {
+class ZBIAP_EXPORT SKProductsResponse {
  public:
   SKProductsResponse(std::vector<SKProductPtr> products,
                      std::vector<std::string> invalidProductIdentifiers)
@@ -49,14 +50,14 @@ class SKProductsResponse {
   const std::vector<std::string> invalid_;
 };
 
-class SKProductsRequestDelegate : public SKRequestDelegate {
+class ZBIAP_EXPORT SKProductsRequestDelegate : public SKRequestDelegate {
  public:
   // productsRequest:didReceiveResponse:
   virtual void productsRequest(const std::shared_ptr<SKProductsRequest>& request,
                                const std::shared_ptr<const SKProductsResponse>& response) = 0;
 };
 
-class SKRequest : public std::enable_shared_from_this<SKRequest> {
+class ZBIAP_EXPORT SKRequest : public std::enable_shared_from_this<SKRequest> {
  public:
   virtual ~SKRequest() = default;
   SKRequest(const SKRequest&) = delete;
@@ -86,7 +87,7 @@ class SKRequest : public std::enable_shared_from_this<SKRequest> {
   bool cancelled_ = false;
 };
 
-class SKProductsRequest final : public SKRequest {
+class ZBIAP_EXPORT SKProductsRequest final : public SKRequest {
  public:
   static std::shared_ptr<SKProductsRequest> initWithProductIdentifiers(
       std::set<std::string> productIdentifiers);
@@ -99,7 +100,7 @@ class SKProductsRequest final : public SKRequest {
   const std::set<std::string> productIdentifiers_;
 };
 
-class SKReceiptRefreshRequest final : public SKRequest {
+class ZBIAP_EXPORT SKReceiptRefreshRequest final : public SKRequest {
  public:
   // `receiptProperties` may be null (nullopt).
   static std::shared_ptr<SKReceiptRefreshRequest> initWithReceiptProperties(

@@ -10,12 +10,13 @@
 
 #include <memory>
 
+#include "zbiap/export.h"
 #include "zbiap/storekit/sk_payment_queue.h"
 #include "zbiap/storekit/sk_request.h"
 
 namespace zbiap {
 
-class StoreKitBinding {
+class ZBIAP_EXPORT StoreKitBinding {
  public:
   virtual ~StoreKitBinding() = default;
 

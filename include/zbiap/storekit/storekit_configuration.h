@@ -15,12 +15,13 @@
 #include <string_view>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/decimal.h"
 #include "zbiap/storekit/sk_product.h"
 
 namespace zbiap {
 
-struct StoreKitConfiguration {
+struct ZBIAP_EXPORT StoreKitConfiguration {
   enum class ProductType { kConsumable, kNonConsumable, kNonRenewingSubscription, kAutoRenewable };
 
   struct Localization {
@@ -84,7 +85,8 @@ struct StoreKitConfiguration {
 std::optional<int64_t> subscriptionSpeedUp(int64_t timeRate);
 
 // An ISO 8601 period of one unit ("P1M", "P3D", "P2W", "P1Y"); nullopt for anything else.
-std::optional<SKProductSubscriptionPeriod> parseSubscriptionPeriod(std::string_view text);
+ZBIAP_EXPORT std::optional<SKProductSubscriptionPeriod> parseSubscriptionPeriod(
+    std::string_view text);
 
 }  // namespace zbiap
 

@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/error.h"
 #include "zbiap/storekit/receipt_writer.h"
 #include "zbiap/storekit/storekit_binding.h"
@@ -30,9 +31,10 @@
 
 namespace zbiap {
 
-class StoreKitSimulator final : public StoreKitBinding,
-                                public SKPaymentQueue,
-                                public std::enable_shared_from_this<StoreKitSimulator> {
+class ZBIAP_EXPORT StoreKitSimulator final
+    : public StoreKitBinding,
+      public SKPaymentQueue,
+      public std::enable_shared_from_this<StoreKitSimulator> {
  public:
   // What a payment of one product does.
   struct Outcome {

@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "zbiap/export.h"
 #include "zbiap/foundation/date.h"
 
 class ZBIAPDateTools;
@@ -41,7 +42,7 @@ class Calendar {
 };
 
 // Calendar fields, each possibly unset (Foundation's date components).
-struct DateComponents {
+struct ZBIAP_EXPORT DateComponents {
   std::optional<int64_t> era;
   std::optional<int64_t> year;
   std::optional<int64_t> month;
@@ -58,7 +59,7 @@ struct DateComponents {
 
 }  // namespace zbiap
 
-class ZBIAPDateTools {
+class ZBIAP_EXPORT ZBIAPDateTools {
  public:
   // The calling thread's instance.
   static ZBIAPDateTools& dateTools();

@@ -18,6 +18,8 @@
 #include <string_view>
 #include <utility>
 
+#include "zbiap/export.h"
+
 class ZBIAPLogger;
 
 // A logger "class": builds a logger for a name and a switch key, or returns null when off.
@@ -26,9 +28,9 @@ using ZBIAPLoggerFactory = std::shared_ptr<ZBIAPLogger> (*)(std::string_view nam
 
 // The factory every logger of the library is created with; null means ZBIAPLogger's own.
 // Read at each creation.
-extern std::atomic<ZBIAPLoggerFactory> gZBIAPCustomLoggerClass;
+extern ZBIAP_EXPORT std::atomic<ZBIAPLoggerFactory> gZBIAPCustomLoggerClass;
 
-class ZBIAPLogger {
+class ZBIAP_EXPORT ZBIAPLogger {
  public:
   // Builds a logger through gZBIAPCustomLoggerClass when it is set, else through
   // ZBIAPLogger::initWithName. Null when logging is off for `key`.
@@ -66,7 +68,7 @@ namespace zbiap {
 
 // Whether logging is on for `key`: the environment, else the standard user defaults, holds
 // "1" or "YES" (any case) under it. Evaluated afresh at every call.
-bool checkKey(std::string_view key);
+ZBIAP_EXPORT bool checkKey(std::string_view key);
 
 // The global switch key.
 inline constexpr char kZBIAPLoggingKey[] = "ZBIAP_LOGGING";

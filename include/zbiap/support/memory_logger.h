@@ -14,12 +14,13 @@
 #include <string>
 #include <string_view>
 
+#include "zbiap/export.h"
 #include "zbiap/support/logger.h"
 
 // Limit of lines the memory logger keeps; 0 means 10000.
-extern std::atomic<uint64_t> gZBIAPMemoryLoggerMaximumEntries;
+extern ZBIAP_EXPORT std::atomic<uint64_t> gZBIAPMemoryLoggerMaximumEntries;
 
-class ZBIAPMemoryLogger : public ZBIAPLogger {
+class ZBIAP_EXPORT ZBIAPMemoryLogger : public ZBIAPLogger {
  public:
   // Never null; the key is ignored and no "Logging enabled." line is written.
   static std::shared_ptr<ZBIAPLogger> initWithName(std::string_view name, std::string_view key);
