@@ -70,8 +70,8 @@ void BM_ManagerCommitToReadyFromSavedCatalogue(benchmark::State& state) {
     store->scriptCountry(Answer::kAtOnce, "US");
     auto fetcher = FakeFetcher::create();
     fetcher->setDefault(FakeFetcher::succeed(response));
-    auto manager = ZBIAPManager::create(
-        ZBIAPManagerConfiguration::create(store, "com.example.country", "US", fetcher));
+    auto manager = ZBIAPManager::initWithConfiguration(
+        ZBIAPManagerConfiguration::initWithStore(store, "com.example.country", "US", fetcher));
     state.ResumeTiming();
 
     manager->commitConfiguration();

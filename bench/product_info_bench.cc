@@ -27,14 +27,14 @@ Records buildRecords(const Value& document) {
   if (const Array* products = document["products"].asArray()) {
     records.infos.reserve(products->size());
     for (const Value& product : *products) {
-      if (auto info = ZBIAPProductInfoV1::create(product, language)) {
+      if (auto info = ZBIAPProductInfoV1::initWithDictionary(product, language)) {
         records.infos.push_back(std::move(info));
       }
     }
   }
   if (const Array* metadata = document["features_metadata"].asArray()) {
     for (const Value& feature : *metadata) {
-      if (auto record = ZBIAPProductFeatureV1::create(feature)) records.features.insert(record);
+      if (auto record = ZBIAPProductFeatureV1::initWithDictionary(feature)) records.features.insert(record);
     }
   }
   return records;

@@ -56,7 +56,7 @@ void operator delete(void* p, size_t) noexcept {
 namespace {
 
 void decode(benchmark::State& state, const zbiap::Data& data) {
-  auto parser = ZBIAPReceiptParser::fromReceiptData(data);
+  auto parser = ZBIAPReceiptParser::initWithReceiptData(data);
   if (!parser->isLoaded()) {
     state.SkipWithError("the receipt is rejected");
     return;

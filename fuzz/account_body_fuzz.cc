@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!iap || iap->upgradable()) std::abort();
     if (iap->transactionIdentifier() != zbiap::kAccountDummyTransactionID) std::abort();
     if (iap->originalPurchaseDate() != iap->purchaseDate()) std::abort();
-    const auto again = ZBIAPReceiptIAP::fromDictionaryRepresentation(
+    const auto again = ZBIAPReceiptIAP::initWithDictionaryRepresentation(
         iap->dictionaryRepresentation(), /*fromAppleStore=*/false);
     if (!again || !again->isEqual(*iap)) std::abort();
   }

@@ -44,14 +44,14 @@ void check(bool condition) {
 }
 
 void exercise(const zbiap::Value& value) {
-  if (auto feature = ZBIAPProductFeatureV1::create(value)) {
-    auto again = ZBIAPProductFeatureV1::create(feature->dictionaryRepresentation());
+  if (auto feature = ZBIAPProductFeatureV1::initWithDictionary(value)) {
+    auto again = ZBIAPProductFeatureV1::initWithDictionary(feature->dictionaryRepresentation());
     check(again != nullptr && feature->isEqual(*again));
     (void)feature->description();
   }
-  auto info = ZBIAPProductInfoV1::create(value);
+  auto info = ZBIAPProductInfoV1::initWithDictionary(value);
   if (info == nullptr) return;
-  auto again = ZBIAPProductInfoV1::create(info->dictionaryRepresentation());
+  auto again = ZBIAPProductInfoV1::initWithDictionary(info->dictionaryRepresentation());
   check(again != nullptr && again->hash() == info->hash());
   check(info->isEqual(*again) || value.asDictionary()->contains("features_metadata"));
   static const ZBIAPStoreProductPtr product = [] {

@@ -23,7 +23,7 @@ void compareDecoders(const zbiap::Data& data) {
 
 void check(const zbiap::Data& data) {
   compareDecoders(data);
-  auto parser = ZBIAPReceiptParser::fromReceiptData(data);
+  auto parser = ZBIAPReceiptParser::initWithReceiptData(data);
   if (parser == nullptr) __builtin_trap();
   if (parser->isLoaded()) {
     if (parser->lastError() != nullptr) __builtin_trap();

@@ -122,16 +122,16 @@ std::shared_ptr<ZBIAPProductInfoResponse> makeResponse(const std::vector<Diction
                                                        const std::vector<Dictionary>& features) {
   ZBIAPProductInfoResponse::ProductInfos infos;
   for (const Dictionary& product : products) {
-    if (auto dpi = ZBIAPProductInfoV1::create(Value(product))) infos.push_back(dpi);
+    if (auto dpi = ZBIAPProductInfoV1::initWithDictionary(Value(product))) infos.push_back(dpi);
   }
   std::optional<ZBIAPProductInfoResponse::FeatureSet> featureSet;
   if (!features.empty()) {
     featureSet.emplace();
     for (const Dictionary& feature : features) {
-      if (auto made = ZBIAPProductFeatureV1::create(Value(feature))) featureSet->insert(made);
+      if (auto made = ZBIAPProductFeatureV1::initWithDictionary(Value(feature))) featureSet->insert(made);
     }
   }
-  return ZBIAPProductInfoResponse::create(std::move(infos), std::move(htmlStoreHeader),
+  return ZBIAPProductInfoResponse::initWithProductInfos(std::move(infos), std::move(htmlStoreHeader),
                                           std::move(featureGroups), std::move(featureSet));
 }
 

@@ -104,8 +104,8 @@ int main(int argc, char** argv) {
       account->setMorvaneStoreDelegate(accountDelegate);
       store = ZBIAPCompoundStore::initWithStores({store, account});
     }
-    auto manager = ZBIAPManager::create(
-        ZBIAPManagerConfiguration::create(store, "com.example.app.lifetime", "US", fetcher));
+    auto manager = ZBIAPManager::initWithConfiguration(
+        ZBIAPManagerConfiguration::initWithStore(store, "com.example.app.lifetime", "US", fetcher));
     if (manager == nullptr) return 1;
     manager->commitConfiguration();
 

@@ -86,8 +86,8 @@ int zbiap_manager_create(const zbiap_manager_options* options, zbiap_manager** o
       return nullArgument("options->fallback_country");
     }
     if (int status = zbiap::capi::requirePlatform()) return status;
-    auto manager = ZBIAPManager::create(
-        ZBIAPManagerConfiguration::create(options->store->store, options->country_product,
+    auto manager = ZBIAPManager::initWithConfiguration(
+        ZBIAPManagerConfiguration::initWithStore(options->store->store, options->country_product,
                                           options->fallback_country, options->fetcher->fetcher));
     if (!manager) return fail(ZBIAP_ERROR_FAILED, "cannot configure the manager");
     auto handle = std::make_unique<zbiap_manager>();

@@ -7,7 +7,7 @@
 
 #include "catalog/record_reader.h"
 
-std::shared_ptr<ZBIAPProductFeatureV1> ZBIAPProductFeatureV1::create(
+std::shared_ptr<ZBIAPProductFeatureV1> ZBIAPProductFeatureV1::initWithDictionary(
     const zbiap::Value& dictionary) {
   return zbiap::RecordReader::readFeature(dictionary);
 }

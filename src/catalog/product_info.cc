@@ -39,12 +39,12 @@ ZBIAPProductInfoV1::ZBIAPProductInfoV1(Key) {}
 
 ZBIAPProductInfoV1::~ZBIAPProductInfoV1() = default;
 
-std::shared_ptr<ZBIAPProductInfoV1> ZBIAPProductInfoV1::create(const zbiap::Value& dictionary) {
+std::shared_ptr<ZBIAPProductInfoV1> ZBIAPProductInfoV1::initWithDictionary(const zbiap::Value& dictionary) {
   zbiap::CatalogLanguage language;
   return zbiap::RecordReader::readProductInfo(dictionary, language);
 }
 
-std::shared_ptr<ZBIAPProductInfoV1> ZBIAPProductInfoV1::create(const zbiap::Value& dictionary,
+std::shared_ptr<ZBIAPProductInfoV1> ZBIAPProductInfoV1::initWithDictionary(const zbiap::Value& dictionary,
                                                                zbiap::CatalogLanguage& language) {
   return zbiap::RecordReader::readProductInfo(dictionary, language);
 }

@@ -249,7 +249,7 @@ void ZBIAPProductInfoV1Fetcher::processResponse(
     featureSet.emplace();
     for (const zbiap::Value& element : *features) {
       if (!element.isDictionary()) continue;
-      if (auto feature = ZBIAPProductFeatureV1::create(element)) featureSet->insert(feature);
+      if (auto feature = ZBIAPProductFeatureV1::initWithDictionary(element)) featureSet->insert(feature);
     }
   }
 
@@ -268,7 +268,7 @@ void ZBIAPProductInfoV1Fetcher::processResponse(
   infos.reserve(products->size());
   for (size_t index = 0; index < products->size(); ++index) {
     std::shared_ptr<ZBIAPProductInfoV1> info =
-        ZBIAPProductInfoV1::create((*products)[index], language);
+        ZBIAPProductInfoV1::initWithDictionary((*products)[index], language);
     if (observer) observer(index, info);
     if (info) infos.push_back(std::move(info));
   }
@@ -282,7 +282,7 @@ void ZBIAPProductInfoV1Fetcher::processResponse(
     ZBIAP_LOG(logger_, "Response successfully parsed.");
   }
 
-  auto response = ZBIAPProductInfoResponse::create(std::move(infos), std::move(goldDescription),
+  auto response = ZBIAPProductInfoResponse::initWithProductInfos(std::move(infos), std::move(goldDescription),
                                                    std::move(featureGroups), std::move(featureSet));
   for (const auto& caller : blocks) {
     if (caller->success) caller->success(response);

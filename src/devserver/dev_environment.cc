@@ -217,7 +217,7 @@ std::unique_ptr<DevEnvironment> DevEnvironment::create(Options options, std::str
   s.accountHost = std::make_shared<AccountHost>(options.accountToken);
   s.accountStore->setMorvaneStoreDelegate(s.accountHost);
   s.store = ZBIAPCompoundStore::initWithStores({s.appStore, s.accountStore});
-  s.manager = ZBIAPManager::create(ZBIAPManagerConfiguration::create(
+  s.manager = ZBIAPManager::initWithConfiguration(ZBIAPManagerConfiguration::initWithStore(
       s.store, options.countryProduct, kFallbackCountry, s.fetcher));
   if (!s.fetcher || !s.manager) return fail("cannot configure the manager");
   return std::unique_ptr<DevEnvironment>(new DevEnvironment(std::move(state)));

@@ -29,7 +29,7 @@ bool isReadyState(int64_t state) {
 
 }  // namespace
 
-std::shared_ptr<ZBIAPManager> ZBIAPManager::create(
+std::shared_ptr<ZBIAPManager> ZBIAPManager::initWithConfiguration(
     std::shared_ptr<ZBIAPManagerConfiguration> configuration) {
   if (!configuration) {
     zbiap::Platform::current().systemLog("No valid configuration provided to ZBIAPManager!");

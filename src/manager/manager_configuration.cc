@@ -6,7 +6,7 @@
 #include "zbiap/platform/platform.h"
 #include "zbiap/store/store.h"
 
-std::shared_ptr<ZBIAPManagerConfiguration> ZBIAPManagerConfiguration::create(
+std::shared_ptr<ZBIAPManagerConfiguration> ZBIAPManagerConfiguration::initWithStore(
     std::shared_ptr<ZBIAPStore> store, std::string_view countryProduct,
     std::string_view fallbackCountryCode, std::shared_ptr<ZBIAPProductInfoFetcher> fetcher) {
   zbiap::Platform& platform = zbiap::Platform::current();

@@ -79,13 +79,13 @@ bool ZBIAPManager::locked_restoreProductInfosAndBaselineFeatures() {
   zbiap::Array dictionaries = readArray(*infosData);
   infos.reserve(dictionaries.size());
   for (const zbiap::Value& dictionary : dictionaries) {
-    if (auto dpi = ZBIAPProductInfoV1::create(dictionary, language)) infos.push_back(dpi);
+    if (auto dpi = ZBIAPProductInfoV1::initWithDictionary(dictionary, language)) infos.push_back(dpi);
   }
   dynamicProductInfos_ = std::move(infos);
 
   FeatureSet features;
   for (const zbiap::Value& dictionary : readArray(*featuresData)) {
-    if (auto feature = ZBIAPProductFeatureV1::create(dictionary)) features.insert(feature);
+    if (auto feature = ZBIAPProductFeatureV1::initWithDictionary(dictionary)) features.insert(feature);
   }
   baselineFeatureMetadata_ = std::move(features);
   return true;

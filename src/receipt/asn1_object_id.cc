@@ -26,14 +26,14 @@ std::optional<ZBIAPASN1ObjectID> ZBIAPASN1ObjectID::parse(const uint8_t* data, s
   return ZBIAPASN1ObjectID(isRelativ, std::move(nodes));
 }
 
-std::shared_ptr<ZBIAPASN1ObjectID> ZBIAPASN1ObjectID::fromASN1Data(const uint8_t* data,
+std::shared_ptr<ZBIAPASN1ObjectID> ZBIAPASN1ObjectID::initWithASN1Data(const uint8_t* data,
                                                                    size_t length, bool isRelativ) {
   auto oid = parse(data, length, isRelativ);
   if (!oid) return nullptr;
   return std::make_shared<ZBIAPASN1ObjectID>(std::move(*oid));
 }
 
-std::shared_ptr<ZBIAPASN1ObjectID> ZBIAPASN1ObjectID::fromStringValue(std::string_view text,
+std::shared_ptr<ZBIAPASN1ObjectID> ZBIAPASN1ObjectID::initWithStringValue(std::string_view text,
                                                                       bool isRelativ) {
   std::vector<uint64_t> nodes;
   size_t start = 0;

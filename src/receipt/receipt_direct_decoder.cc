@@ -171,7 +171,7 @@ bool decodePurchase(std::span<const uint8_t> octets, ZBIAPReceiptIAPPtr* record)
   if (!productIdentifier.present || !transactionIdentifier.present || !purchaseDate.present) {
     return false;
   }
-  *record = ZBIAPReceiptIAP::create(
+  *record = ZBIAPReceiptIAP::initWithProductIdentifier(
       std::string(productIdentifier.text), v[kPurchaseIndex[1701]].number,
       std::string(transactionIdentifier.text), v[kPurchaseIndex[1705]].string(), purchaseDate.date,
       v[kPurchaseIndex[1706]].optionalDate(), v[kPurchaseIndex[1708]].optionalDate(),

@@ -23,7 +23,7 @@ size_t hashOptional(const std::optional<T>& value) {
 
 }  // namespace
 
-ZBIAPReceiptIAPPtr ZBIAPReceiptIAP::create(std::string productIdentifier, int64_t quantity,
+ZBIAPReceiptIAPPtr ZBIAPReceiptIAP::initWithProductIdentifier(std::string productIdentifier, int64_t quantity,
                                            std::string transactionIdentifier,
                                            std::optional<std::string> originalTransactionIdentifier,
                                            zbiap::Date purchaseDate,
@@ -45,14 +45,14 @@ ZBIAPReceiptIAPPtr ZBIAPReceiptIAP::create(std::string productIdentifier, int64_
   return iap;
 }
 
-ZBIAPReceiptIAPPtr ZBIAPReceiptIAP::fromDictionaryRepresentation(const zbiap::Value& dictionary,
+ZBIAPReceiptIAPPtr ZBIAPReceiptIAP::initWithDictionaryRepresentation(const zbiap::Value& dictionary,
                                                                  bool fromAppleStore) {
   const zbiap::Dictionary* dict = dictionary.asDictionary();
   if (dict == nullptr) return nullptr;
-  return fromDictionaryRepresentation(*dict, fromAppleStore);
+  return initWithDictionaryRepresentation(*dict, fromAppleStore);
 }
 
-ZBIAPReceiptIAPPtr ZBIAPReceiptIAP::fromDictionaryRepresentation(
+ZBIAPReceiptIAPPtr ZBIAPReceiptIAP::initWithDictionaryRepresentation(
     const zbiap::Dictionary& dictionary, bool fromAppleStore) {
   int64_t quantity = 0;
   if (const zbiap::Value* value = present(dictionary, ZBIAPReceiptKeyIAPQuantity)) {
@@ -123,7 +123,7 @@ ZBIAPReceiptIAPPtr ZBIAPReceiptIAP::fromDictionaryRepresentation(
     }
   }
 
-  return create(*productIdentifier->asString(), quantity, *transactionIdentifier->asString(),
+  return initWithProductIdentifier(*productIdentifier->asString(), quantity, *transactionIdentifier->asString(),
                 std::move(originalTransactionIdentifier), *purchaseDate->asDate(),
                 originalPurchaseDate, subscriptionExpirationDate, cancellationDate,
                 webOrderLineItemID, fromAppleStore);

@@ -24,7 +24,7 @@ std::optional<zbiap::Data> readFile(const std::filesystem::path& path) {
 
 }  // namespace
 
-std::shared_ptr<ZBIAPReceiptParser> ZBIAPReceiptParser::fromReceiptURL(
+std::shared_ptr<ZBIAPReceiptParser> ZBIAPReceiptParser::initWithReceiptURL(
     std::optional<std::filesystem::path> receiptURL) {
   if (!receiptURL) return nullptr;
   std::shared_ptr<ZBIAPReceiptParser> parser(new ZBIAPReceiptParser());
@@ -33,7 +33,7 @@ std::shared_ptr<ZBIAPReceiptParser> ZBIAPReceiptParser::fromReceiptURL(
   return parser;
 }
 
-std::shared_ptr<ZBIAPReceiptParser> ZBIAPReceiptParser::fromReceiptData(
+std::shared_ptr<ZBIAPReceiptParser> ZBIAPReceiptParser::initWithReceiptData(
     std::optional<zbiap::Data> data) {
   if (!data) return nullptr;
   std::shared_ptr<ZBIAPReceiptParser> parser(new ZBIAPReceiptParser());

@@ -91,7 +91,7 @@ class ReceiptDecoder {
     // no record are dropped.
     records->reserve(purchases.size());
     for (const Value& purchase : purchases) {
-      if (auto record = ZBIAPReceiptIAP::fromDictionaryRepresentation(purchase, true)) {
+      if (auto record = ZBIAPReceiptIAP::initWithDictionaryRepresentation(purchase, true)) {
         records->push_back(std::move(record));
       }
     }

@@ -39,7 +39,7 @@ bool ZBIAPStoreApple::locked_readReceipt() {
     return false;
   }
   if (!receiptParser_) {
-    receiptParser_ = ZBIAPReceiptParser::fromReceiptURL(*url);
+    receiptParser_ = ZBIAPReceiptParser::initWithReceiptURL(*url);
   } else {
     receiptParser_->refresh();
   }

@@ -306,7 +306,7 @@ void ZBIAPStoreMorvane::private_readIAPs(uint64_t generation) {
     const zbiap::Dictionary* dictionary = element.asDictionary();
     if (dictionary == nullptr) continue;
     if (ZBIAPReceiptIAPPtr iap =
-            ZBIAPReceiptIAP::fromDictionaryRepresentation(*dictionary, /*fromAppleStore=*/false)) {
+            ZBIAPReceiptIAP::initWithDictionaryRepresentation(*dictionary, /*fromAppleStore=*/false)) {
       purchases.push_back(std::move(iap));
     }
   }

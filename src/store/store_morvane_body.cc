@@ -78,7 +78,7 @@ std::optional<AccountProductsBody> parseAccountProductsBody(std::string_view bod
       representation.set(ZBIAPReceiptKeyIAPSubscriptionExpirationDate, Value(*expirationDate));
     }
     ZBIAPReceiptIAPPtr iap =
-        ZBIAPReceiptIAP::fromDictionaryRepresentation(representation, /*fromAppleStore=*/false);
+        ZBIAPReceiptIAP::initWithDictionaryRepresentation(representation, /*fromAppleStore=*/false);
     if (!iap) return refuse(failure, "Product conversion failed.");
     result.inAppPurchases.push_back(std::move(iap));
   }

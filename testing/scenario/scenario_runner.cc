@@ -115,7 +115,7 @@ ZBIAPReceiptIAPPtr purchaseFrom(const Value& value) {
   if (!upgradable) id.erase(0, 1);
   const size_t hash = id.find('#');
   const std::string transaction = hash == std::string::npos ? "1" : id.substr(hash + 1);
-  return ZBIAPReceiptIAP::create(id.substr(0, hash), 1, transaction, std::nullopt,
+  return ZBIAPReceiptIAP::initWithProductIdentifier(id.substr(0, hash), 1, transaction, std::nullopt,
                                  Date::fromMicrosSince1970(1700000000LL * 1000000), std::nullopt,
                                  std::nullopt, std::nullopt, 0, upgradable);
 }
@@ -136,20 +136,20 @@ std::shared_ptr<ZBIAPProductInfoResponse> catalogueFrom(const Value& value) {
   const Value& products = value.isArray() ? value : value["products"];
   ZBIAPProductInfoResponse::ProductInfos infos;
   for (const Value& product : array(products, "a catalogue's products")) {
-    if (auto dpi = ZBIAPProductInfoV1::create(productFrom(product))) infos.push_back(dpi);
+    if (auto dpi = ZBIAPProductInfoV1::initWithDictionary(productFrom(product))) infos.push_back(dpi);
   }
-  if (value.isArray()) return ZBIAPProductInfoResponse::create(std::move(infos), {}, {}, {});
+  if (value.isArray()) return ZBIAPProductInfoResponse::initWithProductInfos(std::move(infos), {}, {}, {});
   std::optional<ZBIAPProductInfoResponse::FeatureSet> features;
   if (!value["features"].isNil()) {
     features.emplace();
     for (const Value& feature : array(value["features"], "a catalogue's features")) {
-      if (auto made = ZBIAPProductFeatureV1::create(featureFrom(feature))) features->insert(made);
+      if (auto made = ZBIAPProductFeatureV1::initWithDictionary(featureFrom(feature))) features->insert(made);
     }
   }
   std::optional<std::string> header = codeOrNone(value["header"], "a catalogue's header");
   std::optional<Dictionary> groups;
   if (const Dictionary* given = value["groups"].asDictionary()) groups = *given;
-  return ZBIAPProductInfoResponse::create(std::move(infos), std::move(header), std::move(groups),
+  return ZBIAPProductInfoResponse::initWithProductInfos(std::move(infos), std::move(header), std::move(groups),
                                           std::move(features));
 }
 
@@ -308,12 +308,12 @@ class Run {
     fetcher_ = FakeFetcher::create();
     store_->trace = [this](std::string_view kind, std::string line) { emit(kind, line); };
     fetcher_->trace = store_->trace;
-    auto configuration = ZBIAPManagerConfiguration::create(
+    auto configuration = ZBIAPManagerConfiguration::initWithStore(
         config["store"] == Value(false) ? nullptr : store_,
         config["product"].isNil() ? "com.example.country" : text(config["product"], "product"),
         config["fallback"].isNil() ? "US" : text(config["fallback"], "fallback"),
         config["fetcher"] == Value(false) ? nullptr : fetcher_);
-    manager_ = ZBIAPManager::create(configuration);
+    manager_ = ZBIAPManager::initWithConfiguration(configuration);
     if (!manager_) {
       emit("FINAL", "no manager");
       return false;
@@ -501,7 +501,7 @@ class Run {
     } else if (verb == "sort") {
       ZBIAPManager::ProductInfos dpis;
       for (const Value& id : array(step.at(2), "sort identifiers")) {
-        dpis.push_back(ZBIAPProductInfoV1::create(productFrom(id)));
+        dpis.push_back(ZBIAPProductInfoV1::initWithDictionary(productFrom(id)));
       }
       std::vector<std::string> prefixes, sorted;
       for (const Value& prefix : array(arg, "sort prefixes")) prefixes.push_back(text(prefix, ""));

@@ -434,7 +434,7 @@ TEST_F(FetcherTest, RequestBodyFollowsTheOwner) {
   auto store = testing::FakeStore::create();
   Date bought = Date::fromTimeIntervalSince1970(1700000000);
   store->setInAppPurchases(
-      {ZBIAPReceiptIAP::create("com.example.lifetime", 1, "1", std::nullopt, bought, bought,
+      {ZBIAPReceiptIAP::initWithProductIdentifier("com.example.lifetime", 1, "1", std::nullopt, bought, bought,
                                std::nullopt, std::nullopt, 0, true)});
   owner->store = store;
   fetcher->setOwner(owner);

@@ -21,7 +21,7 @@ constexpr char kBase[] =
 class ProductInfoEqualityTest : public testing::RecordTest {
  protected:
   std::shared_ptr<ZBIAPProductInfoV1> make(const std::string& extra = "") {
-    auto dpi = ZBIAPProductInfoV1::create(json(std::string("{") + kBase + extra + "}"));
+    auto dpi = ZBIAPProductInfoV1::initWithDictionary(json(std::string("{") + kBase + extra + "}"));
     EXPECT_NE(dpi, nullptr) << extra;
     return dpi;
   }
@@ -34,7 +34,7 @@ TEST_F(ProductInfoEqualityTest, SameDictionaryGivesEqualDPIs) {
   EXPECT_EQ(a->hash(), b->hash());
   EXPECT_EQ(std::hash<ZBIAPProductInfoV1>()(*a), std::hash<std::string>()("pro"));
   // Rebuilding from the kept dictionary gives an equal DPI.
-  EXPECT_EQ(*ZBIAPProductInfoV1::create(a->dictionaryRepresentation()), *a);
+  EXPECT_EQ(*ZBIAPProductInfoV1::initWithDictionary(a->dictionaryRepresentation()), *a);
 }
 
 TEST_F(ProductInfoEqualityTest, FieldsLeftOutOfEquality) {
@@ -81,8 +81,8 @@ TEST_F(ProductInfoEqualityTest, ProductTakesPartByIdentity) {
 
 TEST_F(ProductInfoEqualityTest, FeaturesHashByIdentityAndCompareByValue) {
   const Value dictionary = json(R"({"identifier":"sync","metadata":{"limit":3}})");
-  auto f1 = ZBIAPProductFeatureV1::create(dictionary);
-  auto f2 = ZBIAPProductFeatureV1::create(dictionary);
+  auto f1 = ZBIAPProductFeatureV1::initWithDictionary(dictionary);
+  auto f2 = ZBIAPProductFeatureV1::initWithDictionary(dictionary);
   EXPECT_TRUE(f1->isEqual(*f2));
   EXPECT_NE(f1->hash(), f2->hash());
   f2->setMetadata(Value());
@@ -97,7 +97,7 @@ TEST_F(ProductInfoEqualityTest, FeaturesHashByIdentityAndCompareByValue) {
   b->setFeatureMetadata(a->featureMetadata());
   EXPECT_TRUE(a->isEqual(*b));
   // A set may hold features equal by value.
-  ProductFeatureSet set{f1, ZBIAPProductFeatureV1::create(dictionary)};
+  ProductFeatureSet set{f1, ZBIAPProductFeatureV1::initWithDictionary(dictionary)};
   EXPECT_EQ(set.size(), 2u);
 }
 
@@ -112,11 +112,11 @@ TEST_F(ProductInfoEqualityTest, Descriptions) {
             fmt::format("<ZBIAPProductInfoV1:{} 'pro' (inactive) (requires account) 9,99\u00a0€"
                         " (ignores nil sub group) Group ID: g1 - Pro>",
                         static_cast<const void*>(flagged.get())));
-  auto bare = ZBIAPProductInfoV1::create(json(R"({"identifier":"x","inactive":true})"));
+  auto bare = ZBIAPProductInfoV1::initWithDictionary(json(R"({"identifier":"x","inactive":true})"));
   EXPECT_EQ(bare->description(), fmt::format("<ZBIAPProductInfoV1:{} 'x' (inactive) - (null)>",
                                              static_cast<const void*>(bare.get())));
 
-  auto feature = ZBIAPProductFeatureV1::create(json(R"({"identifier":"sync"})"));
+  auto feature = ZBIAPProductFeatureV1::initWithDictionary(json(R"({"identifier":"sync"})"));
   EXPECT_EQ(feature->description(), fmt::format("<ZBIAPProductFeatureV1:{} 'sync' - (null)>",
                                                 static_cast<const void*>(feature.get())));
 }

@@ -24,7 +24,7 @@ ZBIAPStoreProductPtr product(const char* price, const char* locale) {
 class ProductInfoPriceTest : public testing::RecordTest {
  protected:
   std::shared_ptr<ZBIAPProductInfoV1> make(const std::string& oldPrice) {
-    auto dpi = ZBIAPProductInfoV1::create(
+    auto dpi = ZBIAPProductInfoV1::initWithDictionary(
         json(R"({"identifier":"pro","inactive":true,"old_price":)" + oldPrice + "}"));
     EXPECT_NE(dpi, nullptr);
     return dpi;
@@ -58,7 +58,7 @@ TEST_F(ProductInfoPriceTest, CurrencyTextsInThePriceLocale) {
 TEST_F(ProductInfoPriceTest, OldPriceEdges) {
   auto alone = make(R"("12.99")");
   EXPECT_FALSE(alone->price() || alone->localizedPrice() || alone->localizedOldPrice());
-  auto none = ZBIAPProductInfoV1::create(json(R"({"identifier":"pro","inactive":true})"));
+  auto none = ZBIAPProductInfoV1::initWithDictionary(json(R"({"identifier":"pro","inactive":true})"));
   none->setProduct(product("1", "en_US@currency=USD"));
   EXPECT_EQ(none->localizedPrice(), "$1.00");
   EXPECT_EQ(none->localizedOldPrice(), std::nullopt);

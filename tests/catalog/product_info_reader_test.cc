@@ -25,14 +25,14 @@ std::string failed(const std::string& key) {
 class ProductInfoReaderTest : public testing::RecordTest {
  protected:
   std::shared_ptr<ZBIAPProductInfoV1> read(std::string_view text) {
-    return ZBIAPProductInfoV1::create(json(text));
+    return ZBIAPProductInfoV1::initWithDictionary(json(text));
   }
 };
 
 TEST_F(ProductInfoReaderTest, MinimalActiveProductHasEveryOptionalFieldEmpty) {
   const Value dictionary = json(R"({"identifier":"pro","inactive":false,"title":"Pro",)"
                                 R"("sort_key":3,"unknown":[1,2]})");
-  auto dpi = ZBIAPProductInfoV1::create(dictionary);
+  auto dpi = ZBIAPProductInfoV1::initWithDictionary(dictionary);
   ASSERT_NE(dpi, nullptr);
   EXPECT_THAT(log(), IsEmpty());
   EXPECT_EQ(dpi->productIdentifier(), "pro");
@@ -86,9 +86,9 @@ TEST_F(ProductInfoReaderTest, ImmediateKeysStopTheReaderAtTheFirstFault) {
 TEST_F(ProductInfoReaderTest, NonDictionariesGiveNullWithoutAMessage) {
   for (const char* text : {"null", "[]", "[{}]", "\"pro\"", "42", "true"}) {
     EXPECT_EQ(read(text), nullptr) << text;
-    EXPECT_EQ(ZBIAPProductFeatureV1::create(json(text)), nullptr) << text;
+    EXPECT_EQ(ZBIAPProductFeatureV1::initWithDictionary(json(text)), nullptr) << text;
   }
-  EXPECT_EQ(ZBIAPProductInfoV1::create(Value()), nullptr);
+  EXPECT_EQ(ZBIAPProductInfoV1::initWithDictionary(Value()), nullptr);
   EXPECT_THAT(log(), IsEmpty());
 }
 
@@ -175,14 +175,14 @@ TEST_F(ProductInfoReaderTest, FeatureMetadataKeepsTheFeaturesThatRead) {
 }
 
 TEST_F(ProductInfoReaderTest, FeatureReaderMessages) {
-  EXPECT_EQ(ZBIAPProductFeatureV1::create(json(R"({"identifier":{}})")), nullptr);
-  EXPECT_EQ(ZBIAPProductFeatureV1::create(json(R"({"identifier":null})")), nullptr);
+  EXPECT_EQ(ZBIAPProductFeatureV1::initWithDictionary(json(R"({"identifier":{}})")), nullptr);
+  EXPECT_EQ(ZBIAPProductFeatureV1::initWithDictionary(json(R"({"identifier":null})")), nullptr);
   EXPECT_THAT(log(), ElementsAre("Dynamic IAP Feature: Parsing the required key 'identifier' "
                                  "failed!",
                                  "Dynamic IAP Feature: Parsing the required key 'identifier' "
                                  "failed!"));
   const Value dictionary = json(R"({"identifier":"sync","extra":1})");
-  auto feature = ZBIAPProductFeatureV1::create(dictionary);
+  auto feature = ZBIAPProductFeatureV1::initWithDictionary(dictionary);
   ASSERT_NE(feature, nullptr);
   EXPECT_EQ(feature->identifier(), "sync");
   EXPECT_EQ(feature->dictionaryRepresentation().asDictionary(), dictionary.asDictionary());

@@ -19,7 +19,7 @@ class ProductInfoTextTest : public testing::RecordTest {
  protected:
   // The title read from `title` (JSON), or nullopt when the product is rejected.
   std::optional<std::string> title(const std::string& titleJSON) {
-    auto dpi = ZBIAPProductInfoV1::create(
+    auto dpi = ZBIAPProductInfoV1::initWithDictionary(
         json(R"({"identifier":"a","inactive":false,"sort_key":1,"title":)" + titleJSON + "}"));
     if (dpi == nullptr) return std::nullopt;
     return *dpi->localizedTitle();
@@ -68,7 +68,7 @@ TEST_F(ProductInfoTextTest, NoMatchAndNoGermanRejectsTheTitle) {
   EXPECT_EQ(log()[0], "Dynamic IAP: Parsing the required key 'title' failed!");
   // An optional text without a match stays empty, silently.
   platform().clearLog();
-  auto dpi = ZBIAPProductInfoV1::create(
+  auto dpi = ZBIAPProductInfoV1::initWithDictionary(
       json(R"({"identifier":"a","inactive":true,"subtitle":{"en":"Hi"},"header":{"de":"Kopf"}})"));
   ASSERT_NE(dpi, nullptr);
   EXPECT_EQ(dpi->localizedSubtitle(), nullptr);
@@ -79,7 +79,7 @@ TEST_F(ProductInfoTextTest, NoMatchAndNoGermanRejectsTheTitle) {
 TEST_F(ProductInfoTextTest, OneLanguageChoiceServesAWholeCatalogue) {
   platform().setPreferredLanguages({"de"});
   CatalogLanguage french("fr");
-  auto dpi = ZBIAPProductInfoV1::create(
+  auto dpi = ZBIAPProductInfoV1::initWithDictionary(
       json(R"({"identifier":"a","inactive":false,"sort_key":1,"title":{"fr":"Bonjour","de":"H"},)"
            R"("subtitle":{"fr":"Salut","de":"Hallo"}})"),
       french);
@@ -92,7 +92,7 @@ TEST_F(ProductInfoTextTest, OneLanguageChoiceServesAWholeCatalogue) {
 
 TEST_F(ProductInfoTextTest, ColoursInEveryAcceptedForm) {
   auto color = [&](const std::string& text) -> std::optional<ZBIAPColor> {
-    auto dpi = ZBIAPProductInfoV1::create(
+    auto dpi = ZBIAPProductInfoV1::initWithDictionary(
         json(R"({"identifier":"a","inactive":true,"background_color":")" + text + "\"}"));
     EXPECT_NE(dpi, nullptr) << text;
     return dpi ? dpi->backgroundColor() : std::nullopt;

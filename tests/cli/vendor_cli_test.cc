@@ -225,7 +225,7 @@ TEST_F(VendorCLITest, NginxServesTheSignedAnswerToTheFetcherAndTheManager) {
                          "com.example.app.pro.monthly", "com.example.app.pro.yearly"}) {
     store->addProducts({FakeStore::makeProduct(id)});
   }
-  auto manager = ZBIAPManager::create(ZBIAPManagerConfiguration::create(
+  auto manager = ZBIAPManager::initWithConfiguration(ZBIAPManagerConfiguration::initWithStore(
       store, "com.example.app.lifetime", "US",
       ZBIAPProductInfoV1Fetcher::initWithBaseURL(baseURL, "application/json", "consumer", "secret",
                                                  publicKey)));

@@ -54,8 +54,8 @@ class CatalogFaultTest : public ::testing::Test {
     store_->scriptCountry(Answer::kAtOnce, "US");
     auto fetcher = ZBIAPProductInfoV1Fetcher::initWithBaseURL(
         server_->url(), "application/json", "key", "secret", signer_->publicKeyBase64());
-    manager_ = ZBIAPManager::create(
-        ZBIAPManagerConfiguration::create(store_, kCountryProduct, "US", fetcher));
+    manager_ = ZBIAPManager::initWithConfiguration(
+        ZBIAPManagerConfiguration::initWithStore(store_, kCountryProduct, "US", fetcher));
     ASSERT_NE(manager_, nullptr);
   }
 
@@ -224,8 +224,8 @@ TEST_F(CatalogFaultTest, AServerThatIsDownAndComesBack) {
   auto fetcher = ZBIAPProductInfoV1Fetcher::initWithBaseURL(
       "http://127.0.0.1:" + std::to_string(port), "application/json", "key", "secret",
       signer_->publicKeyBase64());
-  auto relaunched = ZBIAPManager::create(
-      ZBIAPManagerConfiguration::create(store_, kCountryProduct, "US", fetcher));
+  auto relaunched = ZBIAPManager::initWithConfiguration(
+      ZBIAPManagerConfiguration::initWithStore(store_, kCountryProduct, "US", fetcher));
   relaunched->commitConfiguration();
   ASSERT_TRUE(platform_->runUntil([&] { return relaunched->isReady(); }));
   EXPECT_EQ(relaunched->dynamicProductInfos().size(), good.size());

@@ -17,8 +17,8 @@ void ManagerTest::TearDown() {
 }
 
 std::shared_ptr<ZBIAPManager> ManagerTest::makeManager() {
-  manager_ = ZBIAPManager::create(
-      ZBIAPManagerConfiguration::create(store_, "com.example.country", "US", fetcher_));
+  manager_ = ZBIAPManager::initWithConfiguration(
+      ZBIAPManagerConfiguration::initWithStore(store_, "com.example.country", "US", fetcher_));
   return manager_;
 }
 

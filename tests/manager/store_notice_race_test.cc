@@ -8,7 +8,7 @@ namespace zbiap::testing {
 namespace {
 
 ZBIAPReceiptIAPPtr purchase(const std::string& product) {
-  return ZBIAPReceiptIAP::create(product, 1, "1", std::nullopt, Date::fromMicrosSince1970(0),
+  return ZBIAPReceiptIAP::initWithProductIdentifier(product, 1, "1", std::nullopt, Date::fromMicrosSince1970(0),
                                  std::nullopt, std::nullopt, std::nullopt, 0, true);
 }
 

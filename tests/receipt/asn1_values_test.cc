@@ -11,26 +11,26 @@ namespace {
 
 TEST(ASN1ObjectIDTest, FromOctetsAndFromText) {
   const uint8_t rsa[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x01};
-  auto oid = ZBIAPASN1ObjectID::fromASN1Data(rsa, sizeof rsa, false);
+  auto oid = ZBIAPASN1ObjectID::initWithASN1Data(rsa, sizeof rsa, false);
   ASSERT_NE(oid, nullptr);
   EXPECT_EQ(oid->description(), "OID:1.2.840.113549.1.7.1");
   EXPECT_EQ(oid->asn1StringValue(), std::nullopt);
   // The first octet is never base 128: 0x81 gives 3.9, not a continued arc.
   const uint8_t big[] = {0x81};
-  EXPECT_EQ(ZBIAPASN1ObjectID::fromASN1Data(big, 1, false)->stringValue(), "3.9");
+  EXPECT_EQ(ZBIAPASN1ObjectID::initWithASN1Data(big, 1, false)->stringValue(), "3.9");
   const uint8_t zero[] = {0x2A, 0x00};
-  EXPECT_EQ(ZBIAPASN1ObjectID::fromASN1Data(zero + 1, 1, true), nullptr);
+  EXPECT_EQ(ZBIAPASN1ObjectID::initWithASN1Data(zero + 1, 1, true), nullptr);
 
-  auto a = ZBIAPASN1ObjectID::fromStringValue("1.2.840", false);
-  auto b = ZBIAPASN1ObjectID::fromStringValue("..1..2.840.", false);
-  auto relative = ZBIAPASN1ObjectID::fromStringValue("1.2.840", true);
+  auto a = ZBIAPASN1ObjectID::initWithStringValue("1.2.840", false);
+  auto b = ZBIAPASN1ObjectID::initWithStringValue("..1..2.840.", false);
+  auto relative = ZBIAPASN1ObjectID::initWithStringValue("1.2.840", true);
   ASSERT_TRUE(a && b && relative);
   EXPECT_TRUE(a->isEqual(*b));
   EXPECT_FALSE(a->isEqual(*relative));
   EXPECT_EQ(std::unordered_set<ZBIAPASN1ObjectID>{*a}.count(*b), 1u);
-  EXPECT_NE(ZBIAPASN1ObjectID::fromStringValue("1", true), nullptr);
+  EXPECT_NE(ZBIAPASN1ObjectID::initWithStringValue("1", true), nullptr);
   for (const char* bad : {"1", "1.x", "", "1.99999999999999999999999"}) {
-    EXPECT_EQ(ZBIAPASN1ObjectID::fromStringValue(bad, false), nullptr) << bad;
+    EXPECT_EQ(ZBIAPASN1ObjectID::initWithStringValue(bad, false), nullptr) << bad;
   }
 }
 

@@ -38,24 +38,24 @@ class ReceiptIAPTest : public ::testing::Test {
 };
 
 TEST_F(ReceiptIAPTest, DictionaryRoundTripsAndUpgradableComesFromTheFlag) {
-  auto iap = ZBIAPReceiptIAP::fromDictionaryRepresentation(kFull, true);
+  auto iap = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kFull, true);
   ASSERT_NE(iap, nullptr);
   EXPECT_TRUE(iap->upgradable());
   EXPECT_EQ(iap->webOrderLineItemID(), 1000000042);
   EXPECT_EQ(iap->dictionaryRepresentation(), kFull);
-  auto back = ZBIAPReceiptIAP::fromDictionaryRepresentation(iap->dictionaryRepresentation(), false);
+  auto back = ZBIAPReceiptIAP::initWithDictionaryRepresentation(iap->dictionaryRepresentation(), false);
   ASSERT_NE(back, nullptr);
   EXPECT_FALSE(back->upgradable());
   EXPECT_NE(*back, *iap);
   EXPECT_TRUE(platform_.logLines().empty());
   // With the required fields only, the record still writes quantity and order item as 0.
-  auto required = ZBIAPReceiptIAP::fromDictionaryRepresentation(kRequired, false);
+  auto required = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kRequired, false);
   ASSERT_NE(required, nullptr);
   Dictionary written = kRequired;
   written.set("Quantity", 0);
   written.set("WebOrderLineItemID", 0);
   EXPECT_EQ(required->dictionaryRepresentation(), written);
-  EXPECT_EQ(ZBIAPReceiptIAP::fromDictionaryRepresentation(Value("not a dictionary"), false),
+  EXPECT_EQ(ZBIAPReceiptIAP::initWithDictionaryRepresentation(Value("not a dictionary"), false),
             nullptr);
 }
 
@@ -95,7 +95,7 @@ TEST_F(ReceiptIAPTest, FieldsOfTheWrongTypeRejectOrAreDropped) {
     } else {
       dictionary.set(row.key, row.value);
     }
-    auto iap = ZBIAPReceiptIAP::fromDictionaryRepresentation(dictionary, false);
+    auto iap = ZBIAPReceiptIAP::initWithDictionaryRepresentation(dictionary, false);
     EXPECT_EQ(iap != nullptr, row.accepted);
     const std::string expected =
         row.log == missing ? missing + Value(dictionary).description() : row.log;
@@ -107,14 +107,14 @@ TEST_F(ReceiptIAPTest, FieldsOfTheWrongTypeRejectOrAreDropped) {
   }
   Dictionary fractional = kRequired;
   fractional.set("Quantity", 2.9);
-  EXPECT_EQ(ZBIAPReceiptIAP::fromDictionaryRepresentation(fractional, false)->quantity(), 2);
+  EXPECT_EQ(ZBIAPReceiptIAP::initWithDictionaryRepresentation(fractional, false)->quantity(), 2);
 }
 
 TEST_F(ReceiptIAPTest, EqualityIgnoresTransactionIdentifiers) {
   auto make = [](const char* product, const char* transaction, std::optional<std::string> original,
                  int64_t quantity = 1, std::optional<Date> expires = kExpires,
                  std::optional<Date> cancelled = {}, bool upgradable = false) {
-    return ZBIAPReceiptIAP::create(product, quantity, transaction, std::move(original), kPurchase,
+    return ZBIAPReceiptIAP::initWithProductIdentifier(product, quantity, transaction, std::move(original), kPurchase,
                                    kOriginal, expires, cancelled, 5, upgradable);
   };
   auto a = make("p", "1", "100");
@@ -129,19 +129,19 @@ TEST_F(ReceiptIAPTest, EqualityIgnoresTransactionIdentifiers) {
         make("p", "1", "100", 1, kExpires, std::nullopt, true)}) {
     EXPECT_NE(*a, *other) << other->description();
   }
-  auto x = ZBIAPReceiptIAP::fromDictionaryRepresentation(kFull, true);
-  auto y = ZBIAPReceiptIAP::fromDictionaryRepresentation(kFull, true);
+  auto x = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kFull, true);
+  auto y = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kFull, true);
   EXPECT_EQ(std::hash<ZBIAPReceiptIAP>()(*x), std::hash<ZBIAPReceiptIAP>()(*y));
 }
 
 TEST_F(ReceiptIAPTest, Description) {
-  auto with = ZBIAPReceiptIAP::fromDictionaryRepresentation(kFull, false);
+  auto with = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kFull, false);
   EXPECT_TRUE(
       std::regex_match(with->description(),
                        std::regex("<ZBIAPReceiptIAP: 0x[0-9a-f]+ com\\.example\\.pro "
                                   "2024-03-05 10:20:30 \\+0000 - 2024-04-05 10:20:30 \\+0000>")))
       << with->description();
-  auto without = ZBIAPReceiptIAP::fromDictionaryRepresentation(kRequired, false);
+  auto without = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kRequired, false);
   EXPECT_TRUE(std::regex_match(without->description(),
                                std::regex("<ZBIAPReceiptIAP: 0x[0-9a-f]+ com\\.example\\.coins>")))
       << without->description();

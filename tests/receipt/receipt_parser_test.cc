@@ -40,10 +40,10 @@ class ReceiptParserTest : public zbiap::testing::ReceiptWriterTest {
                                            zbiap::ReceiptWriter::Options options = {}) {
     auto data = writer_->write(c, options);
     EXPECT_TRUE(data.has_value());
-    return ZBIAPReceiptParser::fromReceiptData(data.value_or(Data()));
+    return ZBIAPReceiptParser::initWithReceiptData(data.value_or(Data()));
   }
   std::shared_ptr<ZBIAPReceiptParser> readContent(const Data& content) {
-    return ZBIAPReceiptParser::fromReceiptData(writer_->wrap(content, {}).value_or(Data()));
+    return ZBIAPReceiptParser::initWithReceiptData(writer_->wrap(content, {}).value_or(Data()));
   }
   void expectRejectedWith(const std::vector<ReceiptAttribute>& bad, bool inPurchase) {
     for (const ReceiptAttribute& attribute : bad) {
@@ -76,7 +76,7 @@ TEST_F(ReceiptParserTest, RoundTripsWriterReceipts) {
       ASSERT_EQ(iaps.size(), static_cast<size_t>(count));
       for (int i = 0; i < count; ++i) {
         const ReceiptPurchase& p = c.purchases[i];
-        auto expected = ZBIAPReceiptIAP::create(
+        auto expected = ZBIAPReceiptIAP::initWithProductIdentifier(
             *p.productIdentifier, *p.quantity, *p.transactionIdentifier,
             p.originalTransactionIdentifier, *p.purchaseDate, p.originalPurchaseDate,
             p.subscriptionExpirationDate, p.cancellationDate, *p.webOrderLineItemID, true);
@@ -189,16 +189,16 @@ TEST_F(ReceiptParserTest, StructureFaultsReject) {
   EXPECT_TRUE(empty->isLoaded());
   EXPECT_TRUE(empty->dictionaryRepresentation().empty());
   // No PKCS #7 data inside, garbage, nothing.
-  expectRejected(*ZBIAPReceiptParser::fromReceiptData(writer_->encodePayload(contents(1))));
-  expectRejected(*ZBIAPReceiptParser::fromReceiptData(Data{'{', '"', 'a', '"', '}'}));
-  expectRejected(*ZBIAPReceiptParser::fromReceiptData(Data()));
+  expectRejected(*ZBIAPReceiptParser::initWithReceiptData(writer_->encodePayload(contents(1))));
+  expectRejected(*ZBIAPReceiptParser::initWithReceiptData(Data{'{', '"', 'a', '"', '}'}));
+  expectRejected(*ZBIAPReceiptParser::initWithReceiptData(Data()));
 }
 
 // The file is read on refresh; the dictionary form, made on request, still describes the
 // receipt that was read, not the file as it is now.
 TEST_F(ReceiptParserTest, SourcesAndRefresh) {
-  EXPECT_EQ(ZBIAPReceiptParser::fromReceiptData(std::nullopt), nullptr);
-  EXPECT_EQ(ZBIAPReceiptParser::fromReceiptURL(std::nullopt), nullptr);
+  EXPECT_EQ(ZBIAPReceiptParser::initWithReceiptData(std::nullopt), nullptr);
+  EXPECT_EQ(ZBIAPReceiptParser::initWithReceiptURL(std::nullopt), nullptr);
   auto dir = std::filesystem::temp_directory_path() /
              ("zbiap_receipt_" + std::to_string(reinterpret_cast<uintptr_t>(this)));
   std::filesystem::create_directories(dir);
@@ -209,7 +209,7 @@ TEST_F(ReceiptParserTest, SourcesAndRefresh) {
     out.write(reinterpret_cast<const char*>(data.data()),
               static_cast<std::streamsize>(data.size()));
   };
-  auto parser = ZBIAPReceiptParser::fromReceiptURL(path);
+  auto parser = ZBIAPReceiptParser::initWithReceiptURL(path);
   ASSERT_NE(parser, nullptr);
   EXPECT_FALSE(parser->isLoaded());
   ASSERT_NE(parser->lastError(), nullptr);

@@ -177,7 +177,7 @@ TEST_F(ReceiptTestdataTest, EveryReceiptDecodesAsItsSidecarImplies) {
     ASSERT_TRUE(sidecar.has_value());
     Expected expected = expectationFor(*sidecar);
 
-    auto parser = ZBIAPReceiptParser::fromReceiptURL(file);
+    auto parser = ZBIAPReceiptParser::initWithReceiptURL(file);
     ASSERT_NE(parser, nullptr);
     if (expected.rejected) {
       zbiap::testing::expectRejected(*parser);
@@ -224,7 +224,7 @@ TEST_F(ReceiptTestdataTest, EveryReceiptDecodesAsItsSidecarImplies) {
 TEST_F(ReceiptTestdataTest, KnownFacts) {
   ZBIAP_REQUIRE_TESTDATA();
   auto dir = zbiap::testing::testdataDir() / "receipts";
-  auto mbaasy = ZBIAPReceiptParser::fromReceiptURL(dir / "sandbox-2015-mbaasy-7iap.der");
+  auto mbaasy = ZBIAPReceiptParser::initWithReceiptURL(dir / "sandbox-2015-mbaasy-7iap.der");
   ASSERT_TRUE(mbaasy->isLoaded());
   EXPECT_EQ(mbaasy->bundleIdentifier(), "com.mbaasy.ios.demo");
   EXPECT_EQ(mbaasy->receiptCreationDate(), utcDate("2015-08-13T07:50:46Z"));
@@ -233,12 +233,12 @@ TEST_F(ReceiptTestdataTest, KnownFacts) {
   EXPECT_EQ(iaps[0]->productIdentifier(), "consumable");
   EXPECT_EQ(iaps[0]->transactionIdentifier(), "1000000166865231");
   auto cancelled =
-      ZBIAPReceiptParser::fromReceiptURL(dir / "production-2022-maiduidui-5subs-cancelled.der");
+      ZBIAPReceiptParser::initWithReceiptURL(dir / "production-2022-maiduidui-5subs-cancelled.der");
   auto withCancellation = cancelled->inAppPurchases();
   EXPECT_EQ(std::count_if(withCancellation.begin(), withCancellation.end(),
                           [](const auto& iap) { return iap->cancellationDate().has_value(); }),
             4);
-  EXPECT_EQ(ZBIAPReceiptParser::fromReceiptURL(dir / "xcode-2020-cyclemaps-1iap.der")
+  EXPECT_EQ(ZBIAPReceiptParser::initWithReceiptURL(dir / "xcode-2020-cyclemaps-1iap.der")
                 ->lastError()
                 ->code(),
             2);

@@ -54,9 +54,9 @@ class CompoundStoreManagerTest : public StoreAppleTest {
     account_->setMorvaneStoreDelegate(host_);
     compound_ = ZBIAPCompoundStore::initWithStores({apple_, account_});
     fetcher_ = FakeFetcher::create();
-    auto configuration = ZBIAPManagerConfiguration::create(compound_, kLifetime, "US", fetcher_);
+    auto configuration = ZBIAPManagerConfiguration::initWithStore(compound_, kLifetime, "US", fetcher_);
     ASSERT_TRUE(configuration);
-    manager_ = ZBIAPManager::create(configuration);
+    manager_ = ZBIAPManager::initWithConfiguration(configuration);
     ASSERT_TRUE(manager_);
     token_ = NotificationCenter::defaultCenter().addObserver(
         ZBIAPManagerStoreDidUpdateNotification, manager_.get(), [this](const Notification&) {

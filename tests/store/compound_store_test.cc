@@ -100,7 +100,7 @@ std::thread::id onOtherThread(F f) {
 }
 
 ZBIAPReceiptIAPPtr iap(const std::string& product) {
-  return ZBIAPReceiptIAP::create(product, 1, "t", std::nullopt, Date::fromMicrosSince1970(0),
+  return ZBIAPReceiptIAP::initWithProductIdentifier(product, 1, "t", std::nullopt, Date::fromMicrosSince1970(0),
                                  std::nullopt, std::nullopt, std::nullopt, 0, false);
 }
 
@@ -372,35 +372,6 @@ TEST_F(CompoundStoreTest, CountryIsPassedUpOnlyOnceEveryStoreReported) {
   EXPECT_EQ(recorder_->countries.size(), 3u);
   compound_->store(*second_, "US");
   EXPECT_EQ(recorder_->countries.back(), "CH");
-}
-
-TEST(CompoundStoreThreadsTest, ConcurrentAnswersCompleteExactlyOnce) {
-  constexpr int kStores = 8;
-  std::vector<std::shared_ptr<ScriptStore>> scripts;
-  std::vector<std::shared_ptr<ZBIAPStore>> stores;
-  for (int i = 0; i < kStores; ++i) {
-    scripts.push_back(std::make_shared<ScriptStore>());
-    stores.push_back(scripts.back());
-  }
-  auto compound = ZBIAPCompoundStore::initWithStores(stores);
-  for (int round = 0; round < 50; ++round) {
-    std::atomic<int> calls{0};
-    std::atomic<int> joined{-1};
-    compound->restorePurchasesWithCompletion([&](auto result, auto) {
-      ++calls;
-      joined = static_cast<int>(result);
-    });
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kStores; ++i) {
-      threads.emplace_back([&, i] {
-        scripts[i]->restores[round](
-            i == 3 ? ZBIAPStoreRestoreResultChanged : ZBIAPStoreRestoreResultUnchanged, nullptr);
-      });
-    }
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(calls.load(), 1);
-    EXPECT_EQ(joined.load(), ZBIAPStoreRestoreResultChanged);
-  }
 }
 
 }  // namespace

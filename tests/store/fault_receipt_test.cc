@@ -23,7 +23,7 @@ class ReceiptFaultTest : public StoreAppleTest {
     StoreAppleTest::SetUp();
     store_ = ZBIAPStoreApple::create();
     manager_ =
-        ZBIAPManager::create(ZBIAPManagerConfiguration::create(store_, kLifetime, "US", fetcher_));
+        ZBIAPManager::initWithConfiguration(ZBIAPManagerConfiguration::initWithStore(store_, kLifetime, "US", fetcher_));
     ASSERT_TRUE(manager_);
     manager_->commitConfiguration();
     platform_.runUntilIdle();

@@ -24,9 +24,9 @@ class StoreAppleManagerTest : public StoreAppleTest {
     StoreAppleTest::SetUp();
     store_ = ZBIAPStoreApple::create();
     fetcher_ = FakeFetcher::create();
-    auto configuration = ZBIAPManagerConfiguration::create(store_, kLifetime, "US", fetcher_);
+    auto configuration = ZBIAPManagerConfiguration::initWithStore(store_, kLifetime, "US", fetcher_);
     ASSERT_TRUE(configuration);
-    manager_ = ZBIAPManager::create(configuration);
+    manager_ = ZBIAPManager::initWithConfiguration(configuration);
     ASSERT_TRUE(manager_);
     token_ = NotificationCenter::defaultCenter().addObserver(
         ZBIAPManagerStoreDidUpdateNotification, manager_.get(), [this](const Notification&) {

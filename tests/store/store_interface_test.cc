@@ -8,20 +8,6 @@ namespace {
 
 using Period = ZBIAPStoreProductSubscriptionPeriod;
 
-TEST(StoreInterfaceTest, ExportedTextsAndValues) {
-  EXPECT_STREQ(ZBIAPStoreErrorDomain, "ZBIAPStoreErrorDomain");
-  EXPECT_STREQ(ZBIAPReceiptKeyIAPProductID, "ProductID");
-  EXPECT_STREQ(ZBIAPReceiptKeyIAPSubscriptionExpirationDate, "SubscripExpDate");
-  EXPECT_STREQ(ZBIAPReceiptKeyOriginalPurchaseDate, ZBIAPReceiptKeyIAPOriginalPurchaseDate);
-  EXPECT_STREQ(ZBIAPReceiptKeyOriginalAppVersion, "OrigAppVer");
-  EXPECT_STREQ(ZBIAPReceiptKeyIAPs, "IAPs");
-  EXPECT_EQ(ZBIAPStoreRestoreResultFailed, 0);
-  EXPECT_EQ(ZBIAPStoreRestoreResultChanged, 1);
-  EXPECT_EQ(ZBIAPStoreRestoreResultUnchanged, 2);
-  EXPECT_EQ(ZBIAPStoreErrorInvalidArgument, 1);
-  EXPECT_EQ(ZBIAPStoreErrorOther, 6);
-}
-
 TEST(StoreInterfaceTest, StoreErrorCarriesItsUnderlyingError) {
   auto underlying = ZBIAPError::make("SKErrorDomain", 3532);
   auto error = zbiap::makeStoreError(ZBIAPStoreErrorAlreadySubscribed, underlying);

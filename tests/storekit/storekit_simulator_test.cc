@@ -94,7 +94,7 @@ class StoreKitSimulatorTest : public ::testing::Test {
     simulator_->addPayment(SKPayment::paymentWithProduct(product(id)));
   }
   std::shared_ptr<ZBIAPReceiptParser> receipt() {
-    return ZBIAPReceiptParser::fromReceiptURL(simulator_->receiptURL());
+    return ZBIAPReceiptParser::initWithReceiptURL(simulator_->receiptURL());
   }
 
   TestPlatform platform_;

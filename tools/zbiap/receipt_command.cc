@@ -92,7 +92,7 @@ int runReceipt(const Args& args) {
   if (!options.parse(args, &files, 1, 1)) return options.exitCode();
   std::optional<std::string> input = readInput("zbiap receipt", files[0]);
   if (!input) return 1;
-  auto parser = ZBIAPReceiptParser::fromReceiptData(receiptBytes(*input));
+  auto parser = ZBIAPReceiptParser::initWithReceiptData(receiptBytes(*input));
   if (ZBIAPErrorPtr error = parser->lastError(); error || !parser->isLoaded()) {
     std::fprintf(stderr, "zbiap receipt: rejected: %s\n",
                  error ? error->description().c_str() : "no receipt");

@@ -44,7 +44,7 @@ class ZBIAP_EXPORT ZBIAPProductFeatureV1 final : public ZBIAPProductFeature {
 
   // The feature read from `dictionary`, or null when it is not a dictionary (no message) or
   // lacks a readable "identifier" (a message in the system log).
-  static std::shared_ptr<ZBIAPProductFeatureV1> create(const zbiap::Value& dictionary);
+  static std::shared_ptr<ZBIAPProductFeatureV1> initWithDictionary(const zbiap::Value& dictionary);
 
   // Only the reader can make a Key: use create().
   class Key {

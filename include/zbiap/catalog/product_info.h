@@ -101,8 +101,8 @@ class ZBIAP_EXPORT ZBIAPProductInfoV1 final : public ZBIAPProductInfo {
   // The DPI read from `dictionary`, or null: silently when it is not a dictionary, with messages
   // in the system log when a required key is missing or unreadable. Texts are picked in
   // CatalogLanguage::current(), or in `language` (one choice for a whole catalogue).
-  static std::shared_ptr<ZBIAPProductInfoV1> create(const zbiap::Value& dictionary);
-  static std::shared_ptr<ZBIAPProductInfoV1> create(const zbiap::Value& dictionary,
+  static std::shared_ptr<ZBIAPProductInfoV1> initWithDictionary(const zbiap::Value& dictionary);
+  static std::shared_ptr<ZBIAPProductInfoV1> initWithDictionary(const zbiap::Value& dictionary,
                                                     zbiap::CatalogLanguage& language);
 
   // Only the reader can make a Key: use create().

@@ -22,7 +22,7 @@ class ZBIAP_EXPORT ZBIAPProductInfoResponse {
   using ProductInfos = std::vector<std::shared_ptr<ZBIAPProductInfo>>;
   using FeatureSet = zbiap::ProductFeatureSet;
 
-  static std::shared_ptr<ZBIAPProductInfoResponse> create(
+  static std::shared_ptr<ZBIAPProductInfoResponse> initWithProductInfos(
       std::optional<ProductInfos> productInfos, std::optional<std::string> htmlStoreHeader,
       std::optional<zbiap::Dictionary> featureGroups, std::optional<FeatureSet> featureSet);
 
@@ -54,7 +54,7 @@ class ZBIAP_EXPORT ZBIAPProductInfoResponse {
   const std::optional<FeatureSet> featureSet_;
 };
 
-inline std::shared_ptr<ZBIAPProductInfoResponse> ZBIAPProductInfoResponse::create(
+inline std::shared_ptr<ZBIAPProductInfoResponse> ZBIAPProductInfoResponse::initWithProductInfos(
     std::optional<ProductInfos> productInfos, std::optional<std::string> htmlStoreHeader,
     std::optional<zbiap::Dictionary> featureGroups, std::optional<FeatureSet> featureSet) {
   return std::shared_ptr<ZBIAPProductInfoResponse>(

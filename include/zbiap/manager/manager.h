@@ -65,7 +65,7 @@ class ZBIAP_EXPORT ZBIAPManager final : public ZBIAPStoreDelegate,
 
   // Null (with a line in the system log) when `configuration` is null. Touches neither the
   // store nor the fetcher.
-  static std::shared_ptr<ZBIAPManager> create(
+  static std::shared_ptr<ZBIAPManager> initWithConfiguration(
       std::shared_ptr<ZBIAPManagerConfiguration> configuration);
 
   ~ZBIAPManager() override;

@@ -20,7 +20,7 @@ class ZBIAP_EXPORT ZBIAPManagerConfiguration {
  public:
   // Refuses, in this order, a null store, an empty country product identifier, an empty
   // fallback country code and a null fetcher.
-  static std::shared_ptr<ZBIAPManagerConfiguration> create(
+  static std::shared_ptr<ZBIAPManagerConfiguration> initWithStore(
       std::shared_ptr<ZBIAPStore> store, std::string_view countryProduct,
       std::string_view fallbackCountryCode, std::shared_ptr<ZBIAPProductInfoFetcher> fetcher);
 

@@ -85,7 +85,7 @@ class ZBIAP_EXPORT Platform {
 };
 
 // Runs `task` at once when called on the main queue's thread, else posts it to the main queue.
-void runOnMainThread(Task task);
+ZBIAP_EXPORT void runOnMainThread(Task task);
 
 }  // namespace zbiap
 

@@ -23,11 +23,11 @@ class ZBIAP_EXPORT ZBIAPASN1ObjectID {
   // (b / 40 and b % 40); every other arc is a base-128 sub-identifier, and one with a zero
   // group (0, 128, ...) cannot be read, so the whole identifier is null. The parameter is
   // spelled "isRelativ", as the interface has always spelled it.
-  static std::shared_ptr<ZBIAPASN1ObjectID> fromASN1Data(const uint8_t* data, size_t length,
+  static std::shared_ptr<ZBIAPASN1ObjectID> initWithASN1Data(const uint8_t* data, size_t length,
                                                          bool isRelativ);
   // From dotted decimal text ("1.2.840"); empty pieces are skipped, a piece that is not a
   // non-negative decimal number that fits 64 bits gives null.
-  static std::shared_ptr<ZBIAPASN1ObjectID> fromStringValue(std::string_view text, bool isRelativ);
+  static std::shared_ptr<ZBIAPASN1ObjectID> initWithStringValue(std::string_view text, bool isRelativ);
 
   // The same as the factories, as a plain value.
   static std::optional<ZBIAPASN1ObjectID> parse(const uint8_t* data, size_t length, bool isRelativ);

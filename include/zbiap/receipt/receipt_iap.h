@@ -51,7 +51,7 @@ class ZBIAP_EXPORT ZBIAPReceiptIAP final {
   explicit ZBIAPReceiptIAP(PrivateKey) {}
 
   // Stores the ten values as given, without any check. Never null.
-  static ZBIAPReceiptIAPPtr create(std::string productIdentifier, int64_t quantity,
+  static ZBIAPReceiptIAPPtr initWithProductIdentifier(std::string productIdentifier, int64_t quantity,
                                    std::string transactionIdentifier,
                                    std::optional<std::string> originalTransactionIdentifier,
                                    zbiap::Date purchaseDate,
@@ -62,10 +62,10 @@ class ZBIAP_EXPORT ZBIAPReceiptIAP final {
 
   // A record from its dictionary form, or null when a required field is missing or of the
   // wrong type (the reason goes to the system log). `fromAppleStore` becomes `upgradable`.
-  static ZBIAPReceiptIAPPtr fromDictionaryRepresentation(const zbiap::Dictionary& dictionary,
+  static ZBIAPReceiptIAPPtr initWithDictionaryRepresentation(const zbiap::Dictionary& dictionary,
                                                          bool fromAppleStore);
   // Null for a nil value or one that is not a dictionary.
-  static ZBIAPReceiptIAPPtr fromDictionaryRepresentation(const zbiap::Value& dictionary,
+  static ZBIAPReceiptIAPPtr initWithDictionaryRepresentation(const zbiap::Value& dictionary,
                                                          bool fromAppleStore);
 
   ZBIAPReceiptIAP(const ZBIAPReceiptIAP&) = delete;

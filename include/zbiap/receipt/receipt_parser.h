@@ -36,9 +36,9 @@ class ZBIAP_EXPORT ZBIAPReceiptParser : public ZBIAPReceiptProvider {
  public:
   // Readers of a file or of bytes; null for a missing argument. The new reader has already
   // run refresh(), so it is loaded or holds its lastError().
-  static std::shared_ptr<ZBIAPReceiptParser> fromReceiptURL(
+  static std::shared_ptr<ZBIAPReceiptParser> initWithReceiptURL(
       std::optional<std::filesystem::path> receiptURL);
-  static std::shared_ptr<ZBIAPReceiptParser> fromReceiptData(std::optional<zbiap::Data> data);
+  static std::shared_ptr<ZBIAPReceiptParser> initWithReceiptData(std::optional<zbiap::Data> data);
 
   ZBIAPReceiptParser(const ZBIAPReceiptParser&) = delete;
   ZBIAPReceiptParser& operator=(const ZBIAPReceiptParser&) = delete;

@@ -82,7 +82,7 @@ struct ZBIAP_EXPORT StoreKitConfiguration {
 
 // How many seconds of subscription time pass in one real second at `timeRate`; nullopt for a
 // rate the simulator does not know, which then runs in real time.
-std::optional<int64_t> subscriptionSpeedUp(int64_t timeRate);
+ZBIAP_EXPORT std::optional<int64_t> subscriptionSpeedUp(int64_t timeRate);
 
 // An ISO 8601 period of one unit ("P1M", "P3D", "P2W", "P1Y"); nullopt for anything else.
 ZBIAP_EXPORT std::optional<SKProductSubscriptionPeriod> parseSubscriptionPeriod(

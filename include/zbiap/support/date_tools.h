@@ -25,7 +25,7 @@ namespace zbiap {
 
 // A Gregorian calendar in one time zone (ICU underneath). Not thread-safe: like the date
 // tools, a calendar belongs to one thread at a time.
-class Calendar {
+class ZBIAP_EXPORT Calendar {
  public:
   // In the system's current time zone.
   Calendar();
