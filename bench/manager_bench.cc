@@ -11,17 +11,21 @@
 #include "testing/fake_fetcher.h"
 #include "testing/fake_store.h"
 #include "testing/test_platform.h"
+#include "zbiap/catalog/product_info.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/manager/manager.h"
+#include "zbiap/manager/manager_configuration.h"
 
 namespace zbiap::testing {
 namespace {
 
-// A product as the catalogue service writes one, with texts in two languages.
-Dictionary benchProduct(int i) {
+// A product as the catalogue service writes one, with texts in two languages. A revision
+// other than 0 changes its titles, as a catalogue update does.
+Dictionary benchProduct(int i, int revision = 0) {
   auto texts = [&](const std::string& what) {
-    return Value(Dictionary{{"de", Value(what + " " + std::to_string(i) + " (de)")},
-                            {"en", Value(what + " " + std::to_string(i))}});
+    const std::string suffix = revision == 0 ? "" : " r" + std::to_string(revision);
+    return Value(Dictionary{{"de", Value(what + " " + std::to_string(i) + " (de)" + suffix)},
+                            {"en", Value(what + " " + std::to_string(i) + suffix)}});
   };
   Array features;
   for (int f = 0; f < 4; ++f) features.push_back(Value("feature." + std::to_string(f)));
@@ -89,6 +93,84 @@ BENCHMARK(BM_ManagerCommitToReadyFromSavedCatalogue)
     ->Arg(10)
     ->Arg(500)
     ->Unit(benchmark::kMillisecond);
+
+// A fetched catalogue merged into a ready manager holding the previous one, each product with
+// its store product: every other fetch brings a catalogue that changes a tenth of the products
+// (the next one changes them back), so each merge compares every DPI, attaches the store
+// products, saves the catalogue and asks the store again. Complexity over the products.
+void BM_ManagerMergeBySize(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  auto platform = std::make_unique<TestPlatform>();
+  std::vector<Dictionary> first, second;
+  std::vector<ZBIAPStoreProductPtr> storeProducts;
+  for (int i = 0; i < count; ++i) {
+    // Active products only, so that each one asks for its store product.
+    Dictionary product = benchProduct(i);
+    product.set("inactive", Value(false));
+    first.push_back(product);
+    if (i % 10 == 0) {
+      product = benchProduct(i, 1);
+      product.set("inactive", Value(false));
+    }
+    second.push_back(std::move(product));
+    storeProducts.push_back(FakeStore::makeProduct(*first.back()["identifier"].asString()));
+  }
+  const std::shared_ptr<ZBIAPProductInfoResponse> responses[] = {makeResponse(first),
+                                                                 makeResponse(second)};
+  auto store = FakeStore::create();
+  store->scriptCountry(Answer::kAtOnce, "US");
+  store->addProducts(storeProducts);
+  auto fetcher = FakeFetcher::create();
+  fetcher->setDefault(FakeFetcher::succeed(responses[0]));
+  auto manager = ZBIAPManager::create(
+      ZBIAPManagerConfiguration::create(store, "com.example.country", "US", fetcher));
+  manager->commitConfiguration();
+  platform->runUntilIdle();
+  if (!manager->isReady() ||
+      manager->dynamicProductInfosWithStoreProducts().size() != static_cast<size_t>(count)) {
+    state.SkipWithError("the manager did not attach every store product");
+    return;
+  }
+  size_t next = 1;
+  for (auto _ : state) {
+    fetcher->enqueue(FakeFetcher::succeed(responses[next]));
+    manager->refreshDynamicProductInfosWithCompletion(nullptr);
+    platform->runUntilIdle();
+    next ^= 1;
+  }
+  state.SetComplexityN(count);
+  state.SetItemsProcessed(state.iterations() * count);
+  platform->advanceBy(std::chrono::seconds(10));
+}
+BENCHMARK(BM_ManagerMergeBySize)
+    ->RangeMultiplier(10)
+    ->Range(10, 10000)
+    ->Unit(benchmark::kMicrosecond)
+    ->Complexity();
+
+// sortDynamicProductInfos over DPIs whose identifiers end in durations of one to twelve months,
+// one in ten with no duration at all.
+void BM_DurationSortBySize(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  ZBIAPManager::ProductInfos dpis;
+  for (int i = 0; i < count; ++i) {
+    Dictionary product = benchProduct(i);
+    if (i % 10 == 0)
+      product.set("identifier", Value("com.example.app.lifetime." + std::to_string(i)));
+    dpis.push_back(ZBIAPProductInfoV1::create(Value(std::move(product))));
+  }
+  const std::vector<std::string> prefixes = {"com.example.app.sub."};
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(ZBIAPManager::sortDynamicProductInfos(dpis, prefixes));
+  }
+  state.SetComplexityN(count);
+  state.SetItemsProcessed(state.iterations() * count);
+}
+BENCHMARK(BM_DurationSortBySize)
+    ->RangeMultiplier(10)
+    ->Range(10, 10000)
+    ->Unit(benchmark::kMicrosecond)
+    ->Complexity();
 
 }  // namespace
 }  // namespace zbiap::testing

@@ -61,6 +61,24 @@ void BM_ProductInfosFromJSON(benchmark::State& state) {
 }
 BENCHMARK(BM_ProductInfosFromJSON)->Arg(10)->Arg(1100)->Unit(benchmark::kMillisecond);
 
+// The same over catalogues of 10 to 100,000 products (about 1 KB each), fitted to a complexity.
+void BM_ProductInfosFromJSONBySize(benchmark::State& state) {
+  const std::string text = bench::makeCatalogJSON(static_cast<int>(state.range(0)));
+  for (auto _ : state) {
+    std::optional<Value> document = parseJSON(text);
+    Records records = buildRecords(*document);
+    benchmark::DoNotOptimize(records.infos.data());
+    discardUntimed(state, records, document);
+  }
+  state.SetComplexityN(state.range(0));
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_ProductInfosFromJSONBySize)
+    ->RangeMultiplier(10)
+    ->Range(10, 100000)
+    ->Unit(benchmark::kMicrosecond)
+    ->Complexity();
+
 void BM_ProductInfosFromValue(benchmark::State& state) {
   const std::optional<Value> document =
       parseJSON(bench::makeCatalogJSON(static_cast<int>(state.range(0))));

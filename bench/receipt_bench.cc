@@ -89,6 +89,19 @@ void BM_ReceiptDecodeWriter(benchmark::State& state) {
 }
 BENCHMARK(BM_ReceiptDecodeWriter)->Arg(10)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
+// Writer receipts of 10 to 100,000 purchases, fitted to a complexity over the purchases.
+void BM_ReceiptDecodeBySize(benchmark::State& state) {
+  const zbiap::Data data = zbiap::bench::makeWriterReceipt(static_cast<int>(state.range(0)));
+  decode(state, data);
+  state.SetComplexityN(state.range(0));
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_ReceiptDecodeBySize)
+    ->RangeMultiplier(10)
+    ->Range(10, 100000)
+    ->Unit(benchmark::kMicrosecond)
+    ->Complexity();
+
 zbiap::Data readFile(const std::filesystem::path& path) {
   std::string bytes = zbiap::testing::readFile(path);
   return zbiap::Data(bytes.begin(), bytes.end());

@@ -66,7 +66,9 @@ void FakeStore::answerCountryQueries(std::optional<std::string> code, ZBIAPError
 
 void FakeStore::addProducts(const std::vector<ZBIAPStoreProductPtr>& products) {
   std::lock_guard<std::mutex> lock(mutex_);
-  products_.insert(products_.end(), products.begin(), products.end());
+  for (const ZBIAPStoreProductPtr& product : products) {
+    products_[product->productIdentifier()].push_back(product);
+  }
 }
 
 void FakeStore::clearProducts() {
@@ -94,9 +96,9 @@ std::vector<ZBIAPStoreProductPtr> FakeStore::productsFor(
     const std::vector<std::string>& identifiers) const {
   std::vector<ZBIAPStoreProductPtr> found;
   for (const auto& identifier : identifiers) {
-    for (const auto& product : products_) {
-      if (product->productIdentifier() == identifier) found.push_back(product);
-    }
+    auto known = products_.find(identifier);
+    if (known != products_.end())
+      found.insert(found.end(), known->second.begin(), known->second.end());
   }
   return found;
 }

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "zbiap/foundation/date.h"
@@ -105,7 +106,9 @@ class FakeStore final : public ZBIAPStore, public std::enable_shared_from_this<F
 
   Answer productsAnswer_ = Answer::kAtOnce;
   ZBIAPErrorPtr productsError_;
-  std::vector<ZBIAPStoreProductPtr> products_;
+  // The known products by identifier, each list in the order added: a lookup per identifier
+  // asked for keeps large catalogues linear.
+  std::unordered_map<std::string, std::vector<ZBIAPStoreProductPtr>> products_;
   std::vector<std::vector<std::string>> productQueries_;
   std::vector<ProductQuery> pendingProducts_;
 
