@@ -17,14 +17,29 @@ namespace {
 
 // One parser per thread, with a padded input buffer of its own: both keep their memory between
 // documents, which spares a large allocation (and the allocator's consolidation work) per read.
+// The parser sizes its buffers for the worst case, about 15 bytes per byte of text, so a thread
+// keeps them only up to documents of kKeptCapacity bytes: a one-off large document gives its
+// memory back when it has been read.
 struct ThreadParser {
+  static constexpr size_t kInitialCapacity = 4096;
+  static constexpr size_t kKeptCapacity = size_t{4} << 20;
+
   simdjson::dom::parser parser;
   std::unique_ptr<char[]> buffer;
   size_t capacity = 0;
 
   ThreadParser() {
-    const simdjson::error_code code = parser.allocate(4096, kMaxJSONDepth);
+    const simdjson::error_code code = parser.allocate(kInitialCapacity, kMaxJSONDepth);
     static_cast<void>(code);  // a failed allocation is reported again by parse()
+  }
+
+  // After a document has been converted (the tree no longer points into the parser).
+  void release() {
+    if (capacity <= kKeptCapacity + simdjson::SIMDJSON_PADDING) return;
+    buffer.reset();
+    capacity = 0;
+    const simdjson::error_code code = parser.allocate(kInitialCapacity, kMaxJSONDepth);
+    static_cast<void>(code);
   }
 
   simdjson::error_code parse(std::string_view text, simdjson::dom::element* root) {
@@ -150,13 +165,18 @@ bool widenLongIntegers(std::string_view text, std::string* out) {
 }
 
 std::optional<Value> parseOnce(std::string_view text, simdjson::error_code* code) {
+  ThreadParser& parser = threadParser();
   simdjson::dom::element root;
-  *code = threadParser().parse(text, &root);
-  if (*code != simdjson::SUCCESS) return std::nullopt;
+  *code = parser.parse(text, &root);
+  if (*code != simdjson::SUCCESS) {
+    parser.release();
+    return std::nullopt;
+  }
   internal::Arena* arena = internal::Arena::create();
   Value value;
   convert(root, arena, &value);
   arena->finishBuilding();  // the nodes hold the arena from here on
+  parser.release();
   return value;
 }
 
