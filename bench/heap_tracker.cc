@@ -1,6 +1,7 @@
 #include "bench/heap_tracker.h"
 
 #include <malloc.h>
+#include <unistd.h>
 
 // The replaced operator new and delete below allocate with malloc and free; GCC sees the
 // free behind an inlined delete and cannot tell that the new was replaced too.
@@ -9,6 +10,7 @@
 #endif
 
 #include <cstdlib>
+#include <fstream>
 #include <new>
 
 namespace {
@@ -59,6 +61,15 @@ void startHeapTracking() {
 int64_t stopHeapTracking() {
   tTracking = false;
   return tPeak;
+}
+
+int64_t trackedHeapInUse() { return tInUse; }
+
+int64_t residentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  int64_t size = 0, resident = 0;
+  if (!(statm >> size >> resident)) return 0;
+  return resident * sysconf(_SC_PAGESIZE);
 }
 
 }  // namespace zbiap::bench

@@ -12,6 +12,10 @@ namespace zbiap::bench {
 void startHeapTracking();
 // Stops counting; returns the largest number of bytes in use meanwhile.
 int64_t stopHeapTracking();
+// The bytes this thread allocated since tracking started and has not freed yet.
+int64_t trackedHeapInUse();
+// The process's resident memory, in bytes (0 when /proc is not readable).
+int64_t residentBytes();
 
 }  // namespace zbiap::bench
 

@@ -8,10 +8,13 @@
 #include <memory>
 #include <string>
 
+#include "bench/catalog_fixture.h"
+#include "bench/heap_tracker.h"
 #include "testing/fake_fetcher.h"
 #include "testing/fake_store.h"
 #include "testing/test_platform.h"
 #include "zbiap/catalog/product_info.h"
+#include "zbiap/catalog/product_info_v1_fetcher.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/manager/manager.h"
 #include "zbiap/manager/manager_configuration.h"
@@ -147,6 +150,58 @@ BENCHMARK(BM_ManagerMergeBySize)
     ->Range(10, 10000)
     ->Unit(benchmark::kMicrosecond)
     ->Complexity();
+
+// The memory of a ready manager holding the 1,100-product fixture catalogue (read by the
+// fetcher's own processResponse), each active product with its store product. One iteration: the
+// counters are what stays allocated once the manager is ready (heap_MB, this thread's
+// allocations, the reading of the answer included, the JSON reader's reused buffers not) and the
+// growth of the process's resident memory (rss_MB), against the catalogue's size (MB of JSON).
+void BM_ManagerReadyMemory(benchmark::State& state) {
+  const int count = static_cast<int>(state.range(0));
+  auto platform = std::make_unique<TestPlatform>();
+  std::vector<ZBIAPStoreProductPtr> storeProducts;
+  for (int i = 0; i < count; ++i) {
+    storeProducts.push_back(FakeStore::makeProduct(bench::catalogProductIdentifier(i)));
+  }
+  auto store = FakeStore::create();
+  store->scriptCountry(Answer::kAtOnce, "US");
+  store->addProducts(storeProducts);
+  std::string text = bench::makeCatalogJSON(count);
+  const double catalogueMB = static_cast<double>(text.size()) / 1e6;
+  // The JSON reader's per-thread buffers are made here, outside the count: they belong to the
+  // thread, not to the manager.
+  static_cast<void>(parseJSON(text));
+  for (auto _ : state) {
+    const int64_t residentBefore = bench::residentBytes();
+    bench::startHeapTracking();
+    std::shared_ptr<ZBIAPProductInfoResponse> response;
+    {
+      auto reader = ZBIAPProductInfoV1Fetcher::initWithBaseURL("http://127.0.0.1/",
+                                                               "application/json", "bench", "");
+      auto blocks = std::make_shared<ZBIAPProductInfoV1FetcherBlocks>();
+      blocks->success = [&](std::shared_ptr<ZBIAPProductInfoResponse> r) { response = r; };
+      reader->processResponse(text, {blocks});
+    }
+    auto fetcher = FakeFetcher::create();
+    fetcher->setDefault(FakeFetcher::succeed(response));
+    response.reset();
+    auto manager = ZBIAPManager::create(
+        ZBIAPManagerConfiguration::create(store, "com.example.country", "US", fetcher));
+    manager->commitConfiguration();
+    platform->runUntilIdle();
+    const int64_t heap = bench::trackedHeapInUse();
+    bench::stopHeapTracking();
+    const int64_t resident = bench::residentBytes() - residentBefore;
+    if (!manager->isReady()) state.SkipWithError("the manager did not become ready");
+    state.counters["with_store_product"] =
+        static_cast<double>(manager->dynamicProductInfosWithStoreProducts().size());
+    state.counters["heap_MB"] = static_cast<double>(heap) / 1e6;
+    state.counters["rss_MB"] = static_cast<double>(resident) / 1e6;
+    state.counters["catalogue_MB"] = catalogueMB;
+    platform->advanceBy(std::chrono::seconds(10));
+  }
+}
+BENCHMARK(BM_ManagerReadyMemory)->Arg(1100)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // sortDynamicProductInfos over DPIs whose identifiers end in durations of one to twelve months,
 // one in ten with no duration at all.

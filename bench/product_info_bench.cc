@@ -208,18 +208,5 @@ void CatalogueRecordsFile(benchmark::State& state) {
 }
 BENCHMARK(CatalogueRecordsFile)->Unit(benchmark::kMillisecond);
 
-// simdjson's DOM parse alone of the fixture catalogue, with one reused parser.
-void BM_PeerSimdjsonDOMParseCatalog(benchmark::State& state) {
-  const simdjson::padded_string padded(bench::makeCatalogJSON(static_cast<int>(state.range(0))));
-  simdjson::dom::parser parser;
-  for (auto _ : state) {
-    simdjson::dom::element root;
-    if (parser.parse(padded).get(root) != simdjson::SUCCESS) state.SkipWithError("no JSON");
-    benchmark::DoNotOptimize(root);
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * padded.size()));
-}
-BENCHMARK(BM_PeerSimdjsonDOMParseCatalog)->Arg(1100)->Unit(benchmark::kMillisecond);
-
 }  // namespace
 }  // namespace zbiap

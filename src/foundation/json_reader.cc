@@ -17,9 +17,10 @@ namespace {
 
 // One parser per thread, with a padded input buffer of its own: both keep their memory between
 // documents, which spares a large allocation (and the allocator's consolidation work) per read.
-// The parser sizes its buffers for the worst case, about 15 bytes per byte of text, so a thread
-// keeps them only up to documents of kKeptCapacity bytes: a one-off large document gives its
-// memory back when it has been read.
+// The parser sizes its buffers for the worst case, about 15 bytes per byte of text, so buffers
+// left by a document far larger than the next one (and beyond kKeptCapacity) are given back
+// before that one is read: a thread holds on to what its recent documents need, not to what its
+// largest ever needed.
 struct ThreadParser {
   static constexpr size_t kInitialCapacity = 4096;
   static constexpr size_t kKeptCapacity = size_t{4} << 20;
@@ -33,17 +34,21 @@ struct ThreadParser {
     static_cast<void>(code);  // a failed allocation is reported again by parse()
   }
 
-  // After a document has been converted (the tree no longer points into the parser).
-  void release() {
-    if (capacity <= kKeptCapacity + simdjson::SIMDJSON_PADDING) return;
-    buffer.reset();
-    capacity = 0;
-    const simdjson::error_code code = parser.allocate(kInitialCapacity, kMaxJSONDepth);
-    static_cast<void>(code);
+  static bool oversized(size_t capacity, size_t needed) {
+    return capacity > kKeptCapacity && capacity / 4 > needed;
   }
 
   simdjson::error_code parse(std::string_view text, simdjson::dom::element* root) {
     const size_t needed = text.size() + simdjson::SIMDJSON_PADDING;
+    if (oversized(capacity, needed)) {
+      buffer.reset();
+      capacity = 0;
+    }
+    if (oversized(parser.capacity(), text.size())) {
+      const simdjson::error_code code =
+          parser.allocate(std::max(text.size(), kInitialCapacity), kMaxJSONDepth);
+      static_cast<void>(code);  // parse() grows it again, or reports the failure
+    }
     if (needed > capacity) {
       const size_t grown = std::max(needed, capacity * 2);
       buffer.reset(new (std::nothrow) char[grown]);
@@ -165,18 +170,13 @@ bool widenLongIntegers(std::string_view text, std::string* out) {
 }
 
 std::optional<Value> parseOnce(std::string_view text, simdjson::error_code* code) {
-  ThreadParser& parser = threadParser();
   simdjson::dom::element root;
-  *code = parser.parse(text, &root);
-  if (*code != simdjson::SUCCESS) {
-    parser.release();
-    return std::nullopt;
-  }
+  *code = threadParser().parse(text, &root);
+  if (*code != simdjson::SUCCESS) return std::nullopt;
   internal::Arena* arena = internal::Arena::create();
   Value value;
   convert(root, arena, &value);
   arena->finishBuilding();  // the nodes hold the arena from here on
-  parser.release();
   return value;
 }
 
