@@ -203,15 +203,16 @@ void BM_ManagerReadyMemory(benchmark::State& state) {
 }
 BENCHMARK(BM_ManagerReadyMemory)->Arg(1100)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-// sortDynamicProductInfos over DPIs whose identifiers end in durations of one to twelve months,
-// one in ten with no duration at all.
+// sortDynamicProductInfos over DPIs whose identifiers end in distinct durations ("0d", "0w",
+// "0m", "0y", "1d", ...; some equal in length, as "7d" and "1w"), one in ten with none at all.
 void BM_DurationSortBySize(benchmark::State& state) {
   const int count = static_cast<int>(state.range(0));
   ZBIAPManager::ProductInfos dpis;
   for (int i = 0; i < count; ++i) {
     Dictionary product = benchProduct(i);
-    if (i % 10 == 0)
-      product.set("identifier", Value("com.example.app.lifetime." + std::to_string(i)));
+    const std::string duration = std::to_string(i / 4) + "dwmy"[i % 4];
+    product.set("identifier", Value(i % 10 == 0 ? "com.example.app.lifetime." + std::to_string(i)
+                                                : "com.example.app.sub." + duration));
     dpis.push_back(ZBIAPProductInfoV1::create(Value(std::move(product))));
   }
   const std::vector<std::string> prefixes = {"com.example.app.sub."};
