@@ -47,7 +47,11 @@ def load_series(path, field):
 
 
 def per_item(points):
-    return {n: t / n for n, t in sorted(points.items())}
+    """Time per item at each size of the family's range (powers of ten, or of two for the
+    compound store); sizes added beside the range, as 1,100 for the peers, are left out."""
+    def in_range(n):
+        return n & (n - 1) == 0 or 10 ** round(math.log10(n)) == n
+    return {n: t / n for n, t in sorted(points.items()) if in_range(n)}
 
 
 def base_size(points):

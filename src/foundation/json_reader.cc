@@ -17,10 +17,10 @@ namespace {
 
 // One parser per thread, with a padded input buffer of its own: both keep their memory between
 // documents, which spares a large allocation (and the allocator's consolidation work) per read.
-// The parser sizes its buffers for the worst case, about 15 bytes per byte of text, so buffers
-// left by a document far larger than the next one (and beyond kKeptCapacity) are given back
-// before that one is read: a thread holds on to what its recent documents need, not to what its
-// largest ever needed.
+// Beyond kKeptCapacity bytes of text the keeping stops paying: the copy of the text is dropped as
+// soon as it is parsed, and the parser, which sizes its buffers for the worst case (about 14
+// bytes per byte of text), shrinks before reading a document far smaller than its buffers. A
+// thread holds on to what its recent documents need, not to what its largest ever needed.
 struct ThreadParser {
   static constexpr size_t kInitialCapacity = 4096;
   static constexpr size_t kKeptCapacity = size_t{4} << 20;
@@ -40,10 +40,6 @@ struct ThreadParser {
 
   simdjson::error_code parse(std::string_view text, simdjson::dom::element* root) {
     const size_t needed = text.size() + simdjson::SIMDJSON_PADDING;
-    if (oversized(capacity, needed)) {
-      buffer.reset();
-      capacity = 0;
-    }
     if (oversized(parser.capacity(), text.size())) {
       const simdjson::error_code code =
           parser.allocate(std::max(text.size(), kInitialCapacity), kMaxJSONDepth);
@@ -57,8 +53,15 @@ struct ThreadParser {
     }
     if (!text.empty()) std::memcpy(buffer.get(), text.data(), text.size());
     std::memset(buffer.get() + text.size(), 0, simdjson::SIMDJSON_PADDING);
-    return parser.parse(reinterpret_cast<const uint8_t*>(buffer.get()), text.size(), false)
-        .get(*root);
+    const simdjson::error_code code =
+        parser.parse(reinterpret_cast<const uint8_t*>(buffer.get()), text.size(), false).get(*root);
+    // The parsed tree keeps its own copy of the strings: a copy of a large text is not needed
+    // while the tree is converted, nor kept for the next document.
+    if (capacity > kKeptCapacity) {
+      buffer.reset();
+      capacity = 0;
+    }
+    return code;
   }
 };
 
