@@ -171,16 +171,16 @@ FLAT_LABELS = {
 
 
 def main(argv):
-    field = "real_time"
+    field, clock = "real_time", "wall-clock"
     if argv and argv[0] == "--cpu":
-        field, argv = "cpu_time", argv[1:]
+        field, clock, argv = "cpu_time", "CPU time", argv[1:]
     if len(argv) != 2:
         sys.exit(__doc__)
     series, fits = load_series(argv[0], field)
     chart_dir = Path(argv[1])
     chart_dir.mkdir(parents=True, exist_ok=True)
 
-    flat = Chart("Cost per item against size, relative to the cost per item at 100",
+    flat = Chart(f"Cost per item against size, relative to the cost at 100 ({clock})",
                  "items (held stores for the compound store)", "time per item / at 100", False)
     print("| benchmark | fit | per item at base | per item at top | ratio |")
     print("|---|---|---|---|---|")
@@ -202,7 +202,7 @@ def main(argv):
         flat.add("goal: 1.5", [(min(xs), 1.5), (max(xs), 1.5)], dashed=True)
         (chart_dir / "flat-cost.svg").write_text(flat.svg())
 
-    catalogue = Chart("Catalogue: time per product", "products (about 1 KB of JSON each)",
+    catalogue = Chart(f"Catalogue: time per product ({clock})", "products (about 1 KB of JSON each)",
                       "time per product", True)
     for family, label in (("BM_ProductInfosFromJSONBySize", "ours: JSON to records"),
                           ("BM_PeerSimdjsonDOMParseCatalog", "simdjson DOM parse"),
@@ -211,7 +211,8 @@ def main(argv):
     if catalogue.lines:
         (chart_dir / "catalogue.svg").write_text(catalogue.svg())
 
-    receipts = Chart("Receipts: time per purchase", "purchases", "time per purchase", True)
+    receipts = Chart(f"Receipts: time per purchase ({clock})", "purchases", "time per purchase",
+                     True)
     for family, label in (("BM_ReceiptDecodeBySize", "ours"),
                           ("BM_PeerOpenSSLReceiptDecodeWriter", "OpenSSL-only decoder")):
         receipts.add(label, list(per_item(series.get(family, {})).items()))
