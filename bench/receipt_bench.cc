@@ -4,54 +4,16 @@
 // the receipt dictionary and the purchase records. The counter peak_x_file is the largest
 // heap in use during one decode (output included) over the file's size.
 #include <benchmark/benchmark.h>
-#include <malloc.h>
 
-// The replaced operator new and delete below allocate with malloc and free; GCC sees the
-// free behind an inlined delete and cannot tell that the new was replaced too.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-#include <atomic>
 #include <cstdlib>
-#include <new>
+#include <filesystem>
+#include <map>
 
+#include "bench/heap_tracker.h"
 #include "bench/receipt_fixture.h"
 #include "testing/testdata.h"
 #include "zbiap/receipt/asn1_parser.h"
 #include "zbiap/receipt/receipt_parser.h"
-
-namespace {
-
-// Heap accounting for the thread that measures; other threads and other benchmarks only pay
-// one thread-local test per allocation.
-thread_local bool tTracking = false;
-thread_local int64_t tInUse = 0;
-thread_local int64_t tPeak = 0;
-
-void track(void* p, bool add) {
-  if (!tTracking || p == nullptr) return;
-  auto size = static_cast<int64_t>(malloc_usable_size(p));
-  tInUse += add ? size : -size;
-  if (tInUse > tPeak) tPeak = tInUse;
-}
-
-}  // namespace
-
-void* operator new(size_t size) {
-  void* p = std::malloc(size == 0 ? 1 : size);
-  if (p == nullptr) throw std::bad_alloc();
-  track(p, true);
-  return p;
-}
-void operator delete(void* p) noexcept {
-  track(p, false);
-  std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-  track(p, false);
-  std::free(p);
-}
 
 namespace {
 
@@ -71,13 +33,12 @@ void decode(benchmark::State& state, const zbiap::Data& data) {
   parser->setReceiptData(std::nullopt);
   parser->refresh();
   parser->setReceiptData(data);
-  tInUse = tPeak = 0;
-  tTracking = true;
+  zbiap::bench::startHeapTracking();
   parser->refresh();
-  tTracking = false;
+  const int64_t peak = zbiap::bench::stopHeapTracking();
   state.counters["purchases"] = static_cast<double>(purchases);
   state.counters["file_MB"] = static_cast<double>(data.size()) / 1e6;
-  state.counters["peak_x_file"] = static_cast<double>(tPeak) / static_cast<double>(data.size());
+  state.counters["peak_x_file"] = static_cast<double>(peak) / static_cast<double>(data.size());
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * data.size()));
 }
 
@@ -88,6 +49,19 @@ void BM_ReceiptDecodeWriter(benchmark::State& state) {
   decode(state, data);
 }
 BENCHMARK(BM_ReceiptDecodeWriter)->Arg(10)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+// Writer receipts of 10 to 100,000 purchases, fitted to a complexity over the purchases.
+void BM_ReceiptDecodeBySize(benchmark::State& state) {
+  const zbiap::Data data = zbiap::bench::makeWriterReceipt(static_cast<int>(state.range(0)));
+  decode(state, data);
+  state.SetComplexityN(state.range(0));
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_ReceiptDecodeBySize)
+    ->RangeMultiplier(10)
+    ->Range(10, 100000)
+    ->Unit(benchmark::kMicrosecond)
+    ->Complexity();
 
 zbiap::Data readFile(const std::filesystem::path& path) {
   std::string bytes = zbiap::testing::readFile(path);

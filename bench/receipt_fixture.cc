@@ -20,11 +20,14 @@ Data makeWriterReceipt(int purchases) {
     p.productIdentifier = "com.example.app.monthly." + std::to_string(i % 4);
     p.transactionIdentifier = std::to_string(320000000000000 + i);
     p.originalTransactionIdentifier = std::to_string(320000000000000 + i / 12 * 12);
-    p.purchaseDate = Date::fromMicrosSince1970((1600000000LL + i * 2592000LL) * 1000000);
+    // One period of 30 days per purchase; past 10,000 purchases the periods start over, so
+    // that every date stays within four-digit years as real receipts' do.
+    const int64_t period = i % 10000;
+    p.purchaseDate = Date::fromMicrosSince1970((1600000000LL + period * 2592000LL) * 1000000);
     p.originalPurchaseDate =
-        Date::fromMicrosSince1970((1600000000LL + i / 12 * 12 * 2592000LL) * 1000000);
+        Date::fromMicrosSince1970((1600000000LL + period / 12 * 12 * 2592000LL) * 1000000);
     p.subscriptionExpirationDate =
-        Date::fromMicrosSince1970((1600000000LL + (i + 1) * 2592000LL) * 1000000);
+        Date::fromMicrosSince1970((1600000000LL + (period + 1) * 2592000LL) * 1000000);
     p.webOrderLineItemID = 320000000000000 + i;
     // What the App Store writes besides: the types the reader ignores.
     for (int64_t type : {1707, 1719}) {

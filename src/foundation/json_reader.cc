@@ -17,18 +17,34 @@ namespace {
 
 // One parser per thread, with a padded input buffer of its own: both keep their memory between
 // documents, which spares a large allocation (and the allocator's consolidation work) per read.
+// Beyond kKeptCapacity bytes of text the keeping stops paying: the copy of the text is dropped as
+// soon as it is parsed, and the parser, which sizes its buffers for the worst case (about 14
+// bytes per byte of text), shrinks before reading a document far smaller than its buffers. A
+// thread holds on to what its recent documents need, not to what its largest ever needed.
 struct ThreadParser {
+  static constexpr size_t kInitialCapacity = 4096;
+  static constexpr size_t kKeptCapacity = size_t{4} << 20;
+
   simdjson::dom::parser parser;
   std::unique_ptr<char[]> buffer;
   size_t capacity = 0;
 
   ThreadParser() {
-    const simdjson::error_code code = parser.allocate(4096, kMaxJSONDepth);
+    const simdjson::error_code code = parser.allocate(kInitialCapacity, kMaxJSONDepth);
     static_cast<void>(code);  // a failed allocation is reported again by parse()
+  }
+
+  static bool oversized(size_t capacity, size_t needed) {
+    return capacity > kKeptCapacity && capacity / 4 > needed;
   }
 
   simdjson::error_code parse(std::string_view text, simdjson::dom::element* root) {
     const size_t needed = text.size() + simdjson::SIMDJSON_PADDING;
+    if (oversized(parser.capacity(), text.size())) {
+      const simdjson::error_code code =
+          parser.allocate(std::max(text.size(), kInitialCapacity), kMaxJSONDepth);
+      static_cast<void>(code);  // parse() grows it again, or reports the failure
+    }
     if (needed > capacity) {
       const size_t grown = std::max(needed, capacity * 2);
       buffer.reset(new (std::nothrow) char[grown]);
@@ -37,8 +53,15 @@ struct ThreadParser {
     }
     if (!text.empty()) std::memcpy(buffer.get(), text.data(), text.size());
     std::memset(buffer.get() + text.size(), 0, simdjson::SIMDJSON_PADDING);
-    return parser.parse(reinterpret_cast<const uint8_t*>(buffer.get()), text.size(), false)
-        .get(*root);
+    const simdjson::error_code code =
+        parser.parse(reinterpret_cast<const uint8_t*>(buffer.get()), text.size(), false).get(*root);
+    // The parsed tree keeps its own copy of the strings: a copy of a large text is not needed
+    // while the tree is converted, nor kept for the next document.
+    if (capacity > kKeptCapacity) {
+      buffer.reset();
+      capacity = 0;
+    }
+    return code;
   }
 };
 

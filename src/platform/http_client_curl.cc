@@ -184,8 +184,20 @@ struct Transfer {
       transfer->tooLarge = true;
       return 0;  // curl fails the transfer with CURLE_WRITE_ERROR
     }
-    body.insert(body.end(), data, data + length);
+    if (body.empty()) transfer->reserveBody();
+    const auto* bytes = reinterpret_cast<const uint8_t*>(data);
+    body.insert(body.end(), bytes, bytes + length);  // one copy of the piece, not a byte loop
     return length;
+  }
+
+  // Room for the whole body as announced, so that a large answer is not copied as it grows. An
+  // encoded answer announces its encoded size; the growth from there is the vector's own.
+  void reserveBody() {
+    curl_off_t announced = -1;
+    if (curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK &&
+        announced > 0 && static_cast<size_t>(announced) <= maxBytes) {
+      response.body.reserve(static_cast<size_t>(announced));
+    }
   }
 
   static int onProgress(void* self, curl_off_t, curl_off_t downloaded, curl_off_t,

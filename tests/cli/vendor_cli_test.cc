@@ -219,12 +219,9 @@ TEST_F(VendorCLITest, NginxServesTheSignedAnswerToTheFetcherAndTheManager) {
   EXPECT_FALSE(
       fetchSucceeds(baseURL, AnswerSigningKey::generate(2048)->publicKeyBase64(), &products));
 
+  // The store knows every product it is asked for.
   auto store = FakeStore::create();
   store->scriptCountry(Answer::kAtOnce, "US");
-  for (const char* id : {"com.example.app.coins100", "com.example.app.lifetime",
-                         "com.example.app.pro.monthly", "com.example.app.pro.yearly"}) {
-    store->addProducts({FakeStore::makeProduct(id)});
-  }
   auto manager = ZBIAPManager::initWithConfiguration(ZBIAPManagerConfiguration::initWithStore(
       store, "com.example.app.lifetime", "US",
       ZBIAPProductInfoV1Fetcher::initWithBaseURL(baseURL, "application/json", "consumer", "secret",
