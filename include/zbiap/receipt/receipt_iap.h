@@ -96,7 +96,7 @@ class ZBIAP_EXPORT ZBIAPReceiptIAP final {
   friend bool operator==(const ZBIAPReceiptIAP& a, const ZBIAPReceiptIAP& b) {
     return a.isEqual(b);
   }
-  // Includes the original transaction identifier although equality does not.
+  // Includes originalTransactionIdentifier although equality does not.
   size_t hash() const;
   // "<ZBIAPReceiptIAP: 0x… product 2024-03-05 10:20:30 +0000 - 2024-04-05 10:20:30 +0000>"
   // with an expiration date, "<ZBIAPReceiptIAP: 0x… product>" without.
