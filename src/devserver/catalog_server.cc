@@ -6,6 +6,7 @@
 #include <openssl/rand.h>
 #include <openssl/x509.h>
 #include <strings.h>
+#include <zlib.h>
 
 #include <atomic>
 #include <cstdint>
@@ -13,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -148,6 +150,28 @@ std::string checkOAuth(const httplib::Request& request, const std::string& url,
   return {};
 }
 
+// A gzip stream of `text` (zlib's default level), or empty when zlib fails.
+std::string gzip(std::string_view text) {
+  z_stream stream{};
+  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
+      Z_OK) {
+    return {};
+  }
+  std::string out(deflateBound(&stream, text.size()), '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  stream.avail_in = static_cast<uInt>(text.size());
+  stream.next_out = reinterpret_cast<Bytef*>(out.data());
+  stream.avail_out = static_cast<uInt>(out.size());
+  const bool done = deflate(&stream, Z_FINISH) == Z_STREAM_END;
+  out.resize(done ? stream.total_out : 0);
+  deflateEnd(&stream);
+  return out;
+}
+
+bool acceptsGzip(const httplib::Request& request) {
+  return request.get_header_value("Accept-Encoding").find("gzip") != std::string::npos;
+}
+
 std::string jsonError(const std::string& message) {
   return toJSON(Value(Dictionary{{"error", Value(message)}}));
 }
@@ -165,6 +189,10 @@ class CatalogServer::Impl {
     int length = i2d_PublicKey(key_, &der);
     if (length > 0) publicKey_ = base64Encode(std::span<const uint8_t>(der, length));
     OPENSSL_free(der);
+    answer_ = encode(catalog_);
+    // The answer's header and body go out in separate writes; Nagle's algorithm would hold the
+    // body's last segment until the client acknowledged the header.
+    server_.set_tcp_nodelay(true);
     server_.Post(kCatalogRoute, [this](const httplib::Request& request,
                                        httplib::Response& response) { serve(request, response); });
   }
@@ -240,10 +268,20 @@ class CatalogServer::Impl {
         checkOAuth(request, "http://" + host + request.target, consumerKey_, consumerSecret_);
     seen.authorized = seen.rejection.empty();
     if (seen.authorized) {
-      std::string body = catalog();
+      std::shared_ptr<const Answer> answer = currentAnswer();
       response.status = 200;
-      response.set_header(kSignatureHeader, sign(body));
-      response.set_content(std::move(body), "application/json");
+      response.set_header(kSignatureHeader, answer->signature);
+      if (!answer->gzipped.empty() && acceptsGzip(request)) {
+        // Sent as it is: the HTTP library compresses set content, not a provider's.
+        response.set_header("Content-Encoding", "gzip");
+        response.set_content_provider(
+            answer->gzipped.size(), "application/json",
+            [answer](size_t offset, size_t length, httplib::DataSink& sink) {
+              return sink.write(answer->gzipped.data() + offset, length);
+            });
+      } else {
+        response.set_content(answer->body, "application/json");
+      }
     } else {
       response.status = 401;
       response.set_header("WWW-Authenticate", R"(OAuth realm="zbiap")");
@@ -261,13 +299,33 @@ class CatalogServer::Impl {
     return catalog_;
   }
 
+  // An answer as served: made once per catalogue, since signing and compressing a large
+  // catalogue costs more than the client's whole reading of it.
+  struct Answer {
+    std::string body;
+    std::string signature;
+    std::string gzipped;
+  };
+  std::shared_ptr<const Answer> encode(std::string body) const {
+    auto answer = std::make_shared<Answer>();
+    answer->signature = sign(body);
+    answer->gzipped = gzip(body);
+    answer->body = std::move(body);
+    return answer;
+  }
+  std::shared_ptr<const Answer> currentAnswer() const {
+    std::lock_guard lock(mu_);
+    return answer_;
+  }
+
   const std::string consumerKey_;
   const std::string consumerSecret_;
   EVP_PKEY* const key_;
   std::string publicKey_;
 
-  mutable std::mutex mu_;  // guards catalog_, requests_ and requestCount_
+  mutable std::mutex mu_;  // guards catalog_, answer_, requests_ and requestCount_
   std::string catalog_;
+  std::shared_ptr<const Answer> answer_;
   std::deque<Request> requests_;
   size_t requestCount_ = 0;
 
@@ -301,8 +359,10 @@ bool CatalogServer::setCatalog(std::string json, std::string* error) {
     if (error != nullptr) *error = "not JSON: " + reason;
     return false;
   }
+  std::shared_ptr<const Impl::Answer> answer = impl_->encode(json);
   std::lock_guard lock(impl_->mu_);
   impl_->catalog_ = std::move(json);
+  impl_->answer_ = std::move(answer);
   return true;
 }
 
