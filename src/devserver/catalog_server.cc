@@ -168,6 +168,7 @@ std::string gzip(std::string_view text) {
   return out;
 }
 
+// Any mention of gzip counts: the clients of a development server never refuse it with q=0.
 bool acceptsGzip(const httplib::Request& request) {
   return request.get_header_value("Accept-Encoding").find("gzip") != std::string::npos;
 }
