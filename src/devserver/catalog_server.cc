@@ -4,6 +4,7 @@
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 #include <strings.h>
+#include <zlib.h>
 
 #include <atomic>
 #include <cstdint>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -149,6 +151,29 @@ std::string checkOAuth(const httplib::Request& request, const std::string& url,
   return {};
 }
 
+// A gzip stream of `text` (zlib's default level), or empty when zlib fails.
+std::string gzip(std::string_view text) {
+  z_stream stream{};
+  if (deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) !=
+      Z_OK) {
+    return {};
+  }
+  std::string out(deflateBound(&stream, text.size()), '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  stream.avail_in = static_cast<uInt>(text.size());
+  stream.next_out = reinterpret_cast<Bytef*>(out.data());
+  stream.avail_out = static_cast<uInt>(out.size());
+  const bool done = deflate(&stream, Z_FINISH) == Z_STREAM_END;
+  out.resize(done ? stream.total_out : 0);
+  deflateEnd(&stream);
+  return out;
+}
+
+// Any mention of gzip counts: the clients of a development server never refuse it with q=0.
+bool acceptsGzip(const httplib::Request& request) {
+  return request.get_header_value("Accept-Encoding").find("gzip") != std::string::npos;
+}
+
 std::string jsonError(const std::string& message) {
   return toJSON(Value(Dictionary{{"error", Value(message)}}));
 }
@@ -162,6 +187,7 @@ class CatalogServer::Impl {
         consumerSecret_(std::move(consumerSecret)),
         key_(std::move(key)),
         catalog_(exampleCatalog()) {
+    answer_ = encode(catalog_);
     // The answer's headers and body go out in separate writes; without this, each answer on a
     // kept-alive connection waits some 40 ms for the client's delayed acknowledgement.
     server_.set_tcp_nodelay(true);
@@ -186,10 +212,20 @@ class CatalogServer::Impl {
         checkOAuth(request, "http://" + host + request.target, consumerKey_, consumerSecret_);
     seen.authorized = seen.rejection.empty();
     if (seen.authorized) {
-      std::string body = catalog();
+      std::shared_ptr<const Answer> answer = currentAnswer();
       response.status = 200;
-      response.set_header(kSignatureHeader, key_->sign(body));
-      response.set_content(std::move(body), "application/json");
+      response.set_header(kSignatureHeader, answer->signature);
+      if (!answer->gzipped.empty() && acceptsGzip(request)) {
+        // Sent as it is: the HTTP library compresses set content, not a provider's.
+        response.set_header("Content-Encoding", "gzip");
+        response.set_content_provider(
+            answer->gzipped.size(), "application/json",
+            [answer](size_t offset, size_t length, httplib::DataSink& sink) {
+              return sink.write(answer->gzipped.data() + offset, length);
+            });
+      } else {
+        response.set_content(answer->body, "application/json");
+      }
     } else {
       response.status = 401;
       response.set_header("WWW-Authenticate", R"(OAuth realm="zbiap")");
@@ -207,12 +243,32 @@ class CatalogServer::Impl {
     return catalog_;
   }
 
+  // An answer as served: made once per catalogue, since signing and compressing a large
+  // catalogue costs more than the client's whole reading of it.
+  struct Answer {
+    std::string body;
+    std::string signature;
+    std::string gzipped;
+  };
+  std::shared_ptr<const Answer> encode(std::string body) const {
+    auto answer = std::make_shared<Answer>();
+    answer->signature = key_->sign(body);
+    answer->gzipped = gzip(body);
+    answer->body = std::move(body);
+    return answer;
+  }
+  std::shared_ptr<const Answer> currentAnswer() const {
+    std::lock_guard lock(mu_);
+    return answer_;
+  }
+
   const std::string consumerKey_;
   const std::string consumerSecret_;
   const std::unique_ptr<AnswerSigningKey> key_;
 
-  mutable std::mutex mu_;  // guards catalog_, requests_ and requestCount_
+  mutable std::mutex mu_;  // guards catalog_, answer_, requests_ and requestCount_
   std::string catalog_;
+  std::shared_ptr<const Answer> answer_;
   std::deque<Request> requests_;
   size_t requestCount_ = 0;
 
@@ -242,8 +298,10 @@ bool CatalogServer::setCatalog(std::string json, std::string* error) {
     if (error != nullptr) *error = "not JSON: " + reason;
     return false;
   }
+  std::shared_ptr<const Impl::Answer> answer = impl_->encode(json);
   std::lock_guard lock(impl_->mu_);
   impl_->catalog_ = std::move(json);
+  impl_->answer_ = std::move(answer);
   return true;
 }
 
