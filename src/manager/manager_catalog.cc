@@ -1,6 +1,7 @@
 // The catalogue side of the manager: merging fetched catalogues, asking the store for the
 // catalogue's products and attaching them, refreshing, and taking the store's purchase data.
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include "foundation/object_lists.h"
@@ -72,14 +73,15 @@ void ZBIAPManager::queryStoreProductsWithCompletion(Completion completion) {
     locked_increaseQueryCounter();
   }
 
+  // Products the user holds through an upgradable purchase are asked for even when inactive.
+  std::set<std::string_view> upgradable;
+  for (const ZBIAPReceiptIAPPtr& purchase : purchases) {
+    if (purchase && purchase->upgradable()) upgradable.insert(purchase->productIdentifier());
+  }
   std::set<std::string> identifiers;
   for (const ProductInfoPtr& dpi : infos) {
     if (!dpi) continue;
-    bool taken = dpi->active();
-    for (size_t i = 0; !taken && i < purchases.size(); ++i) {
-      taken = purchases[i] && purchases[i]->upgradable() &&
-              purchases[i]->productIdentifier() == dpi->productIdentifier();
-    }
+    const bool taken = dpi->active() || upgradable.count(dpi->productIdentifier()) > 0;
     if (!taken) {
       ZBIAP_LOG(logger_, "Skip inactive or Non-Apple Store Dynamic Product Info: {}",
                 describe(dpi));
