@@ -39,6 +39,8 @@ TEST_F(InputCLITest, EveryCommandRefusesPathsThatHoldNoInput) {
       "asn1",
       "catalog check",
       "catalog verify --signature x --signature-key " + server->publicKeyBase64(),
+      "catalog preview",
+      "catalog sign --key unused.pem",  // the catalogue is read first
       "serve --catalog",
       "demo --storekit",
       "demo --json --catalog",

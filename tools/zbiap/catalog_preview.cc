@@ -87,8 +87,8 @@ int catalogPreview(const Args& args) {
   if (!storefront.empty() && storekit.empty()) {
     return parser.fail("--storefront needs --storekit: the prices come from the StoreKit file");
   }
-  const std::optional<std::string> bytes = readInput(files[0]);
-  if (!bytes) return parser.fail("cannot read '" + files[0] + "'");
+  const std::optional<std::string> bytes = readInput("zbiap catalog preview", files[0]);
+  if (!bytes) return 1;
   // The catalogue's language is read from the environment, as an app's override would be.
   if (!lang.empty()) setenv("ZBIAP_OVERRIDE_LOCALE", lang.c_str(), 1);
 

@@ -97,10 +97,10 @@ int catalogSign(const Args& args) {
   if (!nginx && (!basePath.empty() || listen != "80")) {
     return parser.fail("--base-path and --listen shape the nginx site: they need --nginx");
   }
-  const std::optional<std::string> bytes = readInput(files[0]);
-  if (!bytes) return parser.fail("cannot read '" + files[0] + "'");
-  const std::optional<std::string> pem = readInput(keyFile);
-  if (!pem) return parser.fail("cannot read '" + keyFile + "'");
+  const std::optional<std::string> bytes = readInput("zbiap catalog sign", files[0]);
+  if (!bytes) return 1;
+  const std::optional<std::string> pem = readInput("zbiap catalog sign", keyFile);
+  if (!pem) return 1;
   std::string error;
   const auto key = AnswerSigningKey::fromPEM(*pem, &error);
   if (key == nullptr) {
