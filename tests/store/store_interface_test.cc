@@ -30,36 +30,6 @@ TEST(StoreInterfaceTest, SubscriptionPeriodTexts) {
   EXPECT_NE(Period(1, Period::Unit::kMonth), Period(2, Period::Unit::kMonth));
 }
 
-TEST(StoreInterfaceTest, PlainProductAndDiscount) {
-  auto trial = zbiap::makeStoreProductDiscount({
-      .price = zbiap::Decimal(),
-      .priceLocale = "de_DE@currency=EUR",
-      .identifier = "trial",
-      .subscriptionPeriod = Period(1, Period::Unit::kWeek),
-      .numberOfPeriods = 1,
-      .paymentMode = ZBIAPStoreProductDiscount::kPaymentModeFreeTrial,
-      .type = ZBIAPStoreProductDiscount::kTypeIntroductory,
-  });
-  auto product = zbiap::makeStoreProduct({
-      .localizedDescription = "All features",
-      .localizedTitle = "Pro",
-      .price = zbiap::Decimal::fromString("9.99"),
-      .priceLocale = "de_DE@currency=EUR",
-      .productIdentifier = "com.example.pro.monthly",
-      .subscriptionGroupIdentifier = "group",
-      .subscriptionPeriod = Period(1, Period::Unit::kMonth),
-      .introductoryPrice = trial,
-      .discounts = {trial},
-  });
-  EXPECT_EQ(product->productIdentifier(), "com.example.pro.monthly");
-  EXPECT_EQ(product->price(), zbiap::Decimal::fromString("9.99"));
-  EXPECT_EQ(product->subscriptionPeriod(), Period(1, Period::Unit::kMonth));
-  EXPECT_EQ(product->introductoryPrice(), trial);
-  EXPECT_EQ(product->introductoryPrice()->paymentMode(), 2u);
-  EXPECT_EQ(product->discounts().size(), 1u);
-  EXPECT_EQ(product->priceLocaleCountryCode(), "DE");
-}
-
 TEST(StoreInterfaceTest, CountryOfLocale) {
   EXPECT_EQ(zbiap::countryCodeOfLocale("en_US@currency=USD"), "US");
   EXPECT_EQ(zbiap::countryCodeOfLocale("ja_JP@currency=JPY"), "JP");
