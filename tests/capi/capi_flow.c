@@ -212,9 +212,10 @@ int main(int argc, char** argv) {
     zbiap_platform* no_platform = NULL;
     zbiap_manager* no_manager = NULL;
     zbiap_fetcher* bad_fetcher = NULL;
-    zbiap_fetcher_options bad_key = fetcher_options;
+    zbiap_fetcher_options bad_key = fetcher_options, no_key = fetcher_options;
     zbiap_manager_options no_fetcher = manager_options;
     bad_key.signature_key = "not a key";
+    no_key.consumer_key = "";
     no_fetcher.fetcher = NULL;
     CHECK(zbiap_manager_create(&manager_options, &idle) == ZBIAP_OK);
     {
@@ -240,12 +241,14 @@ int main(int argc, char** argv) {
            zbiap_products_text(products, 0, 42, &text)},
           {"feature past the end", ZBIAP_ERROR_INVALID_ARGUMENT,
            zbiap_products_feature(products, 0, 99, &text)},
-          {"compound of nothing", ZBIAP_ERROR_INVALID_ARGUMENT,
-           zbiap_store_create_compound(NULL, 0, &no_store)},
+          {"compound of no stores", ZBIAP_ERROR_INVALID_ARGUMENT,
+           zbiap_store_create_compound(members, 0, &no_store)},
           {"manager without fetcher", ZBIAP_ERROR_INVALID_ARGUMENT,
            zbiap_manager_create(&no_fetcher, &no_manager)},
           {"fetcher with a bad key", ZBIAP_ERROR_INVALID_ARGUMENT,
            zbiap_fetcher_create(&bad_key, &bad_fetcher)},
+          {"fetcher with an empty consumer key", ZBIAP_ERROR_INVALID_ARGUMENT,
+           zbiap_fetcher_create(&no_key, &bad_fetcher)},
           {"header without a list", ZBIAP_ERROR_INVALID_ARGUMENT,
            zbiap_headers_add(NULL, "Authorization", "x")},
           {"destroy of no store", ZBIAP_ERROR_INVALID_ARGUMENT, zbiap_store_destroy(NULL)},
