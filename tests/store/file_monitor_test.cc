@@ -87,9 +87,12 @@ TEST_F(FileMonitorTest, InPlaceWritesAreReportedOnTheMainQueue) {
   EXPECT_FALSE(delegate_->offMainThread);
 }
 
-TEST_F(FileMonitorTest, WaitsForAMissingFileByPollingInVirtualTime) {
+TEST_F(FileMonitorTest, DeletedFileIsWaitedForByPollingInVirtualTime) {
+  writeFile(file_, "x");
   auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate_);
-  ASSERT_NE(monitor, nullptr);
+  fs::remove(file_);
+  settle();
+  EXPECT_TRUE(delegate_->urls.empty()) << "a deleted file is no change yet";
   EXPECT_EQ(monitor->source(), nullptr);
   EXPECT_EQ(platform_.mainQueue().pendingCount(), 1u) << "one retry timer";
 
@@ -101,7 +104,7 @@ TEST_F(FileMonitorTest, WaitsForAMissingFileByPollingInVirtualTime) {
   writeFile(file_, "receipt");
   platform_.advanceBy(milliseconds(200));
   settle();
-  ASSERT_EQ(delegate_->urls.size(), 1u) << "the file appearing is one change";
+  ASSERT_EQ(delegate_->urls.size(), 1u) << "the file coming back is one change";
   EXPECT_NE(monitor->source(), nullptr);
   EXPECT_EQ(platform_.mainQueue().pendingCount(), 0u) << "polling ended";
 
@@ -162,22 +165,6 @@ TEST_F(FileMonitorTest, FollowsASymbolicLink) {
   EXPECT_EQ(delegate_->urls.size(), 2u) << "writes through the link are seen";
 }
 
-TEST_F(FileMonitorTest, DeletionWaitsForTheFileToComeBack) {
-  writeFile(file_, "x");
-  auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate_);
-  fs::remove(file_);
-  settle();
-  EXPECT_TRUE(delegate_->urls.empty()) << "a deleted file is no change yet";
-  EXPECT_EQ(monitor->source(), nullptr);
-
-  platform_.advanceBy(std::chrono::seconds(1));
-  EXPECT_TRUE(delegate_->urls.empty());
-  writeFile(file_, "y");
-  platform_.advanceBy(milliseconds(200));
-  settle();
-  EXPECT_EQ(delegate_->urls.size(), 1u);
-}
-
 TEST_F(FileMonitorTest, RenameIsReportedWithoutRearming) {
   writeFile(file_, "x");
   auto monitor = ZBIAPFileMonitor::initWithURL(file_, delegate_);
@@ -217,42 +204,36 @@ TEST_F(FileMonitorTest, GoneDelegateIsNotCalled) {
 }
 
 TEST_F(FileMonitorTest, OpenErrorsAreLoggedOncePerDistinctNumber) {
-  // "not a directory" and "too many symbolic links" stand for any error but a missing file.
+  // "not a directory", "too many symbolic links" and "permission denied" stand for any error
+  // but a missing file.
   writeFile(dir_ / "plain", "x");
   const fs::path notDirectory = dir_ / "plain" / "receipt";
   fs::create_directory_symlink(dir_ / "loop", dir_ / "loop");
   const fs::path looping = dir_ / "loop" / "receipt";
-  auto count = [&](const std::string& text) {
-    size_t n = 0;
-    for (const auto& line : platform_.logLines()) n += line.find(text) != std::string::npos;
-    return n;
-  };
-  const std::string notDirectoryLine = "Unable to watch file://" + notDirectory.string() + ": ";
-  const std::string loopingLine = "Unable to watch file://" + looping.string() + ": ";
-
-  auto a = ZBIAPFileMonitor::initWithURL(looping, delegate_);  // sets the last error reported
-  auto b = ZBIAPFileMonitor::initWithURL(notDirectory, delegate_);
-  ASSERT_NE(b, nullptr);
-  EXPECT_EQ(b->source(), nullptr);
-  EXPECT_EQ(count(notDirectoryLine + std::to_string(20) + " - " + zbiap::systemErrorText(20)), 1u);
-  auto c = ZBIAPFileMonitor::initWithURL(notDirectory, delegate_);
-  EXPECT_EQ(count(notDirectoryLine), 1u) << "the same error again is not logged";
-  auto d = ZBIAPFileMonitor::initWithURL(looping, delegate_);
-  EXPECT_GE(count(loopingLine), 1u) << "a different error number is logged";
-  EXPECT_EQ(platform_.mainQueue().pendingCount(), 0u) << "no retry after such errors";
-  platform_.advanceBy(std::chrono::seconds(1));
-  EXPECT_TRUE(delegate_->urls.empty());
-}
-
-TEST_F(FileMonitorTest, PermissionErrorIsLoggedOnce) {
   const fs::path locked = dir_ / "locked";
   fs::create_directory(locked);
   writeFile(locked / "receipt", "x");
   fs::permissions(locked, fs::perms::none, fs::perm_options::replace);
-  // Reset the process-wide memory of the last error with a different one first.
-  writeFile(dir_ / "plain", "x");
-  auto other = ZBIAPFileMonitor::initWithURL(dir_ / "plain" / "receipt", delegate_);
-  std::shared_ptr<ZBIAPFileMonitor> first, second;
+  auto count = [&](const fs::path& path, const std::string& error = "") {
+    size_t n = 0;
+    const std::string text = "Unable to watch file://" + path.string() + ": " + error;
+    for (const auto& line : platform_.logLines()) n += line.find(text) != std::string::npos;
+    return n;
+  };
+
+  std::vector<std::shared_ptr<ZBIAPFileMonitor>> monitors;
+  auto watch = [&](const fs::path& path) {
+    monitors.push_back(ZBIAPFileMonitor::initWithURL(path, delegate_));
+    EXPECT_EQ(monitors.back()->source(), nullptr);
+  };
+  watch(looping);  // sets the last error reported
+  watch(notDirectory);
+  EXPECT_EQ(count(notDirectory, "20 - " + zbiap::systemErrorText(20)), 1u);
+  watch(notDirectory);
+  EXPECT_EQ(count(notDirectory), 1u) << "the same error again is not logged";
+  const size_t loops = count(looping);
+  watch(looping);
+  EXPECT_EQ(count(looping), loops + 1) << "a different error number is logged";
   {
     // Root passes every permission check; this thread alone gives up its privilege while it
     // opens (the raw call changes the calling thread's credentials only) and takes it back.
@@ -260,19 +241,17 @@ TEST_F(FileMonitorTest, PermissionErrorIsLoggedOnce) {
     if (root) {
       ASSERT_EQ(syscall(SYS_setresuid, -1, 65534, -1), 0);
     }
-    first = ZBIAPFileMonitor::initWithURL(locked / "receipt", delegate_);
-    second = ZBIAPFileMonitor::initWithURL(locked / "receipt", delegate_);
+    watch(locked / "receipt");
+    watch(locked / "receipt");
     if (root) {
       ASSERT_EQ(syscall(SYS_setresuid, -1, 0, -1), 0);
     }
   }
-  size_t lines = 0;
-  for (const auto& line : platform_.logLines()) {
-    lines += line.find("Unable to watch file://" + (locked / "receipt").string() + ": 13 - ") !=
-             std::string::npos;
-  }
-  EXPECT_EQ(lines, 1u);
+  EXPECT_EQ(count(locked / "receipt", "13 - "), 1u);
   fs::permissions(locked, fs::perms::owner_all, fs::perm_options::replace);
+  EXPECT_EQ(platform_.mainQueue().pendingCount(), 0u) << "no retry after such errors";
+  platform_.advanceBy(std::chrono::seconds(1));
+  EXPECT_TRUE(delegate_->urls.empty());
 }
 
 }  // namespace

@@ -159,7 +159,8 @@ class StoreMorvaneTest : public ::testing::Test {
 
 TEST_F(StoreMorvaneTest, ProductsBecomeRecordsSavedAndReported) {
   server_.setProducts(kToken, {Product::make("com.example.pro", kMarch),
-                               Product::make("com.example.sub", kMarch, kApril)});
+                               Product::make("com.example.sub", kMarch, kApril),
+                               Product{"com.example.odd", "2024-03-05T10:13:50+01:00", "soon"}});
   host_->extraHeaders = {{"X-Client", "demo"}, {"Accept", "text/plain"}};
 
   Outcome outcome = restore();
@@ -169,7 +170,7 @@ TEST_F(StoreMorvaneTest, ProductsBecomeRecordsSavedAndReported) {
   EXPECT_TRUE(outcome.onMainThread);
 
   std::vector<ZBIAPReceiptIAPPtr> iaps = store_->inAppPurchases();
-  ASSERT_EQ(iaps.size(), 2u);
+  ASSERT_EQ(iaps.size(), 3u);
   EXPECT_EQ(iaps[0]->productIdentifier(), "com.example.pro");
   EXPECT_EQ(iaps[0]->purchaseDate(), kMarch);
   EXPECT_EQ(iaps[0]->originalPurchaseDate(), kMarch);
@@ -179,12 +180,15 @@ TEST_F(StoreMorvaneTest, ProductsBecomeRecordsSavedAndReported) {
   EXPECT_FALSE(iaps[0]->upgradable());
   EXPECT_EQ(iaps[0]->quantity(), 0);
   EXPECT_EQ(iaps[1]->subscriptionExpirationDate(), kApril);
+  // An offset is read; an unreadable expiry is no expiry.
+  EXPECT_EQ(iaps[2]->purchaseDate(), kMarch - std::chrono::hours(1));
+  EXPECT_FALSE(iaps[2]->subscriptionExpirationDate());
   EXPECT_FALSE(store_->isExistingCustomer());
 
   // Saved once, as the records' dictionaries, and reported once on the main thread.
   std::vector<Array> saves = host_->saves();
   ASSERT_EQ(saves.size(), 1u);
-  ASSERT_EQ(saves[0].size(), 2u);
+  ASSERT_EQ(saves[0].size(), 3u);
   EXPECT_EQ(saves[0][1], Value(iaps[1]->dictionaryRepresentation()));
   EXPECT_EQ(recorder_->updates, 1);
   EXPECT_EQ(recorder_->updatesOffMain, 0);
@@ -206,146 +210,153 @@ TEST_F(StoreMorvaneTest, ProductsBecomeRecordsSavedAndReported) {
   // The saved list is what a later launch starts from, before any query.
   auto next = ZBIAPStoreMorvane::initWithBaseURL(server_.baseURL(), client_);
   next->setMorvaneStoreDelegate(host_);
-  ASSERT_EQ(next->inAppPurchases().size(), 2u);
+  ASSERT_EQ(next->inAppPurchases().size(), 3u);
   EXPECT_TRUE(next->inAppPurchases()[1]->isEqual(*iaps[1]));
 }
 
-TEST_F(StoreMorvaneTest, EmptyListWhileNoneHeldIsAChangeOnce) {
-  server_.setProducts(kToken, {});
-  Outcome first = restore();
-  EXPECT_EQ(first.result, ZBIAPStoreRestoreResultChanged);
-  ASSERT_EQ(host_->saves().size(), 1u);
-  EXPECT_TRUE(host_->saves()[0].empty());
-  EXPECT_EQ(recorder_->updates, 1);
-
-  Outcome second = restore();
-  EXPECT_EQ(second.result, ZBIAPStoreRestoreResultUnchanged);
-  EXPECT_EQ(second.error, nullptr);
-  EXPECT_TRUE(second.onMainThread);
-  EXPECT_EQ(host_->saves().size(), 1u);
-  EXPECT_EQ(recorder_->updates, 1);
-  EXPECT_EQ(logCount("Got products (no change): (\n)"), 1u);
-}
-
-TEST_F(StoreMorvaneTest, OrderOfProductsCounts) {
-  Product a = Product::make("com.example.a", kMarch);
-  Product b = Product::make("com.example.b", kApril);
-  server_.setProducts(kToken, {a, b});
-  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
-  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultUnchanged);
-  EXPECT_EQ(host_->saves().size(), 1u);
-
-  server_.setProducts(kToken, {b, a});
-  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+// A change is a different list (order counts, an empty one while none is held) or a different
+// customer flag. Each change is saved (the list, never the flag) and reported once, and so is a
+// discard that forgets a list.
+TEST_F(StoreMorvaneTest, ChangesSavesAndReports) {
+  const Product a = Product::make("com.example.a", kMarch);
+  const Product b = Product::make("com.example.b", kApril);
+  const auto kChanged = ZBIAPStoreRestoreResultChanged;
+  const auto kSame = ZBIAPStoreRestoreResultUnchanged;
+  const struct {
+    std::vector<Product> products;
+    std::optional<bool> customer;  // nullopt: absent, which reads as false
+    ZBIAPStoreRestoreResult result;
+  } steps[] = {
+      {{}, std::nullopt, kChanged},
+      {{}, std::nullopt, kSame},
+      {{a, b}, std::nullopt, kChanged},
+      {{a, b}, false, kSame},
+      {{b, a}, std::nullopt, kChanged},
+      {{b, a}, true, kChanged},
+      {{b, a}, true, kSame},
+      {{b, a}, std::nullopt, kChanged},
+  };
+  size_t changes = 0;
+  for (const auto& step : steps) {
+    server_.setProducts(kToken, step.products);
+    server_.setExistingCustomer(kToken, step.customer);
+    Outcome outcome = restore();
+    EXPECT_EQ(outcome.result, step.result);
+    EXPECT_EQ(outcome.error, nullptr);
+    changes += step.result == kChanged;
+    EXPECT_EQ(host_->saves().size(), changes);
+    EXPECT_EQ(recorder_->updates, static_cast<int>(changes));
+    EXPECT_EQ(store_->isExistingCustomer(), step.customer.value_or(false));
+  }
   EXPECT_EQ(identifiers(), (std::vector<std::string>{"com.example.b", "com.example.a"}));
-  EXPECT_EQ(host_->saves().size(), 2u);
-  EXPECT_EQ(recorder_->updates, 2);
-}
-
-TEST_F(StoreMorvaneTest, CustomerFlagAloneIsAChangeButIsNotSaved) {
-  server_.setProducts(kToken, {});
-  server_.setExistingCustomer(kToken, true);
-  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
-  EXPECT_TRUE(store_->isExistingCustomer());
-  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultUnchanged);
-
-  server_.setExistingCustomer(kToken, std::nullopt);  // absent reads as false
-  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
-  EXPECT_FALSE(store_->isExistingCustomer());
-
+  EXPECT_EQ(logCount("Got products (no change): (\n)"), 1u);
   server_.enqueueResponse(200, R"({"products":[],"is_existing_customer":1})");
-  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
+  EXPECT_EQ(restore().result, kChanged);
   EXPECT_TRUE(store_->isExistingCustomer());
-  for (const Array& saved : host_->saves()) EXPECT_TRUE(saved.empty());
-  EXPECT_EQ(recorder_->updates, 3);
+  EXPECT_TRUE(host_->saves().back().empty());
+  EXPECT_EQ(recorder_->updates, 6);
+
+  // Discarding forgets the flag: reported, with nothing to save; a second discard has nothing
+  // to forget. A held list is forgotten and saved empty.
+  store_->discardInAppPurchases();
+  EXPECT_FALSE(store_->isExistingCustomer());
+  EXPECT_EQ(recorder_->updates, 7);
+  store_->discardInAppPurchases();
+  EXPECT_EQ(recorder_->updates, 7);
+  EXPECT_EQ(host_->saves().size(), 6u);
+  server_.setProducts(kToken, {a});
+  ASSERT_EQ(restore().result, kChanged);
+  store_->discardInAppPurchases();
+  EXPECT_TRUE(store_->inAppPurchases().empty());
+  EXPECT_EQ(host_->saves().size(), 8u);
+  EXPECT_TRUE(host_->saves().back().empty());
+  EXPECT_EQ(recorder_->updates, 9);
 }
 
-TEST_F(StoreMorvaneTest, OneRetryAfterUnauthorizedWithFreshHeaders) {
+TEST_F(StoreMorvaneTest, UnauthorizedIsRetriedOnceWithFreshHeaders) {
   server_.setProducts("renewed", {Product::make("com.example.pro", kMarch)});
   host_->tokens = {"expired", "renewed"};
-  Outcome outcome = restore();
-  EXPECT_EQ(outcome.result, ZBIAPStoreRestoreResultChanged);
+  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
   EXPECT_EQ(host_->retryFlags(), (std::vector<bool>{false, true}));
   std::vector<AccountServer::Request> requests = server_.requests();
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[0].status, 401);
   EXPECT_EQ(requests[1].token, "renewed");
   EXPECT_EQ(identifiers(), std::vector<std::string>{"com.example.pro"});
-}
 
-TEST_F(StoreMorvaneTest, SecondUnauthorizedFailsAndKeepsTheList) {
-  server_.setProducts(kToken, {Product::make("com.example.pro", kMarch)});
-  ASSERT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
-  server_.removeAccount(kToken);
+  // A second 401 fails and keeps the list.
+  server_.removeAccount("renewed");
   server_.clearRequests();
-
   Outcome outcome = restore();
   expectStoreError(outcome);
   EXPECT_EQ(outcome.error->underlyingError(), nullptr);
-  EXPECT_TRUE(outcome.onMainThread);
   EXPECT_EQ(server_.requestCount(), 2u);
-  EXPECT_EQ(host_->retryFlags(), (std::vector<bool>{false, false, true}));
+  EXPECT_EQ(host_->retryFlags(), (std::vector<bool>{false, true, false, true}));
   EXPECT_EQ(logCount("[ZBIAPStoreMorvane] Got failure response code 401."), 1u);
   EXPECT_EQ(identifiers(), std::vector<std::string>{"com.example.pro"});
   EXPECT_EQ(host_->saves().size(), 1u);
   EXPECT_EQ(recorder_->updates, 1);
-}
 
-TEST_F(StoreMorvaneTest, OtherFailureStatusIsNotRetried) {
-  server_.enqueueResponse(500, "oops", "text/plain");
+  // Without a host delegate the requests carry no headers at all.
+  store_->setMorvaneStoreDelegate({});
+  server_.clearRequests();
   expectStoreError(restore());
-  EXPECT_EQ(server_.requestCount(), 1u);
-  EXPECT_EQ(logCount("Got failure response code 500."), 1u);
+  requests = server_.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_FALSE(requests[0].token);
+  EXPECT_EQ(requests[0].header("Accept"), "application/json");
+  EXPECT_EQ(logCount("Querying IAPs without additional headers."), 2u);
 }
 
-TEST_F(StoreMorvaneTest, EmptyBodyFailsWithTheDecodersError) {
-  server_.enqueueResponse(204, "", "");
-  Outcome outcome = restore();
-  expectStoreError(outcome);
-  ASSERT_NE(outcome.error->underlyingError(), nullptr);
-  EXPECT_EQ(outcome.error->underlyingError()->domain(), kNSCocoaErrorDomain);
-  EXPECT_EQ(outcome.error->underlyingError()->code(), 3840);
-  EXPECT_EQ(logCount("[ZBIAPStoreMorvane] Failed to decode JSON: Error Domain=NSCocoaErrorDomain"),
-            1u);
-  EXPECT_TRUE(host_->saves().empty());
-  EXPECT_EQ(recorder_->updates, 0);
-}
-
-TEST_F(StoreMorvaneTest, MalformedAnswersFailWholeAndChangeNothing) {
+TEST_F(StoreMorvaneTest, FailedAnswersChangeNothing) {
   server_.setProducts(kToken, {Product::make("com.example.kept", kMarch)});
   ASSERT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
   constexpr char kField[] = "Required product field missing or wrong type.";
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"products":[)", "Failed to decode JSON: "},
-      {"42", "Failed to decode JSON: "},
-      {R"([{"products":[]}])", "Top-level JSON object is not a dictionary."},
-      {R"({})", "Server response does not contains a products list."},
-      {R"({"products":{}})", "Server response does not contains a products list."},
-      {R"({"products":[[]]})", "Product is not a dictionary."},
-      {R"({"products":[{"product_identifier":7,"purchased_at":"2024-03-05T10:13:50Z"}]})", kField},
-      {R"({"products":[{"product_identifier":"a"}]})", kField},
-      {R"({"products":[{"product_identifier":"a","purchased_at":"yesterday"}]})", kField},
-      {R"({"products":[{"product_identifier":"a","purchased_at":"2024-03-05T10:13:50Z",)"
-       R"("valid_until":null}]})",
+  constexpr char kJSON[] = "Failed to decode JSON: Error Domain=NSCocoaErrorDomain";
+  constexpr char kDated[] = R"({"product_identifier":"a","purchased_at":"2024-03-05T10:13:50Z")";
+  const struct {
+    int status;
+    std::string body;
+    const char* message;
+  } cases[] = {
+      {500, "oops", "Got failure response code 500."},  // not retried
+      {204, "", kJSON},
+      {200, R"({"products":[)", kJSON},
+      {200, "42", kJSON},
+      {200, R"([{"products":[]}])", "Top-level JSON object is not a dictionary."},
+      {200, R"({})", "Server response does not contains a products list."},
+      {200, R"({"products":{}})", "Server response does not contains a products list."},
+      {200, R"({"products":[[]]})", "Product is not a dictionary."},
+      {200, R"({"products":[{"product_identifier":7,"purchased_at":"2024-03-05T10:13:50Z"}]})",
        kField},
-      {R"({"products":[{"product_identifier":"a","purchased_at":"2024-03-05T10:13:50Z",)"
-       R"("valid_until":5}]})",
+      {200, R"({"products":[{"product_identifier":"a"}]})", kField},
+      {200, R"({"products":[{"product_identifier":"a","purchased_at":"yesterday"}]})", kField},
+      {200, std::string(R"({"products":[)") + kDated + R"(,"valid_until":null}]})", kField},
+      {200, std::string(R"({"products":[)") + kDated + R"(,"valid_until":5}]})", kField},
+      {200,
+       std::string(R"({"products":[)") + kDated +
+           R"(},{"product_identifier":"b","purchased_at":null}]})",
        kField},
-      {R"({"products":[{"product_identifier":"a","purchased_at":"2024-03-05T10:13:50Z"},)"
-       R"({"product_identifier":"b","purchased_at":null}]})",
-       kField},
-      {R"({"products":[],"is_existing_customer":"yes"})",
+      {200, R"({"products":[],"is_existing_customer":"yes"})",
        "Existing customer flag is not a boolean."},
-      {R"({"products":[],"is_existing_customer":null})",
+      {200, R"({"products":[],"is_existing_customer":null})",
        "Existing customer flag is not a boolean."},
   };
-  for (const auto& [body, message] : cases) {
-    SCOPED_TRACE(body);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.body);
     platform_.clearLog();
-    server_.enqueueResponse(200, body);
+    server_.clearRequests();
+    server_.enqueueResponse(c.status, c.body, c.status == 200 ? "application/json" : "text/plain");
     Outcome outcome = restore();
     expectStoreError(outcome);
-    EXPECT_EQ(logCount(std::string("[ZBIAPStoreMorvane] ") + message), 1u);
+    EXPECT_TRUE(outcome.onMainThread);
+    EXPECT_EQ(logCount(std::string("[ZBIAPStoreMorvane] ") + c.message), 1u);
+    EXPECT_EQ(server_.requestCount(), 1u);
+    // Decoding errors come with the decoder's error underneath.
+    const ZBIAPErrorPtr& underlying = outcome.error->underlyingError();
+    EXPECT_EQ(
+        underlying && underlying->domain() == kNSCocoaErrorDomain && underlying->code() == 3840,
+        c.message == kJSON);
     EXPECT_EQ(identifiers(), std::vector<std::string>{"com.example.kept"});
   }
   EXPECT_EQ(host_->saves().size(), 1u);
@@ -353,12 +364,29 @@ TEST_F(StoreMorvaneTest, MalformedAnswersFailWholeAndChangeNothing) {
   EXPECT_FALSE(store_->isExistingCustomer());
 }
 
-TEST_F(StoreMorvaneTest, UnreadableExpiryIsNoExpiry) {
-  server_.setProducts(kToken, {Product{"com.example.sub", "2024-03-05T10:13:50+01:00", "soon"}});
-  EXPECT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
-  ASSERT_EQ(store_->inAppPurchases().size(), 1u);
-  EXPECT_EQ(store_->inAppPurchases()[0]->purchaseDate(), kMarch - std::chrono::hours(1));
-  EXPECT_FALSE(store_->inAppPurchases()[0]->subscriptionExpirationDate());
+TEST_F(StoreMorvaneTest, HeaderAndTransportFailuresAreWrapped) {
+  host_->headerError = ZBIAPError::make("AuthDomain", 17);
+  Outcome outcome = restore();
+  EXPECT_EQ(outcome.result, ZBIAPStoreRestoreResultFailed);
+  ASSERT_NE(outcome.error, nullptr);
+  EXPECT_EQ(outcome.error->code(), ZBIAPStoreErrorOther);
+  EXPECT_EQ(outcome.error->underlyingError(), host_->headerError);
+  EXPECT_EQ(server_.requestCount(), 0u);
+  EXPECT_EQ(
+      logCount("[ZBIAPStoreMorvane] Failed to get additional headers: Error Domain=AuthDomain"),
+      1u);
+
+  host_->headerError = nullptr;
+  const std::string url = server_.baseURL();
+  server_.stop();
+  store_ = ZBIAPStoreMorvane::initWithBaseURL(url, client_);
+  store_->setMorvaneStoreDelegate(host_);
+  outcome = restore();
+  expectStoreError(outcome);
+  ASSERT_NE(outcome.error->underlyingError(), nullptr);
+  EXPECT_EQ(outcome.error->underlyingError()->domain(), kNSURLErrorDomain);
+  EXPECT_EQ(logCount("[ZBIAPStoreMorvane] Querying IAPs failed: Error Domain=NSURLErrorDomain"),
+            1u);
 }
 
 TEST_F(StoreMorvaneTest, SuppressedQueryAnswersUnchangedOnTheMainThread) {
@@ -384,46 +412,6 @@ TEST_F(StoreMorvaneTest, SuppressedQueryAnswersUnchangedOnTheMainThread) {
   EXPECT_TRUE(outcome->onMainThread);
   EXPECT_EQ(server_.requestCount(), 0u);
   EXPECT_TRUE(host_->retryFlags().empty());
-}
-
-TEST_F(StoreMorvaneTest, HeaderFailureIsWrappedAndSendsNothing) {
-  host_->headerError = ZBIAPError::make("AuthDomain", 17);
-  Outcome outcome = restore();
-  EXPECT_EQ(outcome.result, ZBIAPStoreRestoreResultFailed);
-  ASSERT_NE(outcome.error, nullptr);
-  EXPECT_EQ(outcome.error->code(), ZBIAPStoreErrorOther);
-  EXPECT_EQ(outcome.error->underlyingError(), host_->headerError);
-  EXPECT_EQ(server_.requestCount(), 0u);
-  EXPECT_EQ(
-      logCount("[ZBIAPStoreMorvane] Failed to get additional headers: Error Domain=AuthDomain"),
-      1u);
-}
-
-TEST_F(StoreMorvaneTest, WithoutHostDelegateTheRequestCarriesNoHeaders) {
-  store_->setMorvaneStoreDelegate({});
-  expectStoreError(restore());  // no token: 401, one retry, 401
-  std::vector<AccountServer::Request> requests = server_.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_FALSE(requests[0].token);
-  EXPECT_EQ(requests[0].header("Accept"), "application/json");
-  EXPECT_EQ(logCount("Querying IAPs without additional headers."), 2u);
-}
-
-TEST_F(StoreMorvaneTest, TransportFailureIsWrapped) {
-  AccountServer closed;
-  ASSERT_TRUE(closed.start());
-  std::string url = closed.baseURL();
-  closed.stop();
-  store_ = ZBIAPStoreMorvane::initWithBaseURL(url, client_);
-  store_->setMorvaneStoreDelegate(host_);
-  Outcome outcome = restore();
-  EXPECT_EQ(outcome.result, ZBIAPStoreRestoreResultFailed);
-  ASSERT_NE(outcome.error, nullptr);
-  EXPECT_EQ(outcome.error->code(), ZBIAPStoreErrorOther);
-  ASSERT_NE(outcome.error->underlyingError(), nullptr);
-  EXPECT_EQ(outcome.error->underlyingError()->domain(), kNSURLErrorDomain);
-  EXPECT_EQ(logCount("[ZBIAPStoreMorvane] Querying IAPs failed: Error Domain=NSURLErrorDomain"),
-            1u);
 }
 
 TEST_F(StoreMorvaneTest, FixedAnswersOfAStoreThatDoesNotSell) {
@@ -498,32 +486,6 @@ TEST_F(StoreMorvaneTest, SavedListIsReadOnlyWhileNoneIsHeld) {
   fresh->setMorvaneStoreDelegate(odd);
   EXPECT_EQ(odd->reads, 1);
   EXPECT_TRUE(fresh->inAppPurchases().empty());
-}
-
-TEST_F(StoreMorvaneTest, DiscardForgetsAndReportsOnlyChanges) {
-  server_.setProducts(kToken, {Product::make("com.example.pro", kMarch)});
-  server_.setExistingCustomer(kToken, true);
-  ASSERT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
-  ASSERT_EQ(recorder_->updates, 1);
-
-  store_->discardInAppPurchases();
-  EXPECT_TRUE(store_->inAppPurchases().empty());
-  EXPECT_FALSE(store_->isExistingCustomer());
-  ASSERT_EQ(host_->saves().size(), 2u);
-  EXPECT_TRUE(host_->saves()[1].empty());
-  EXPECT_EQ(recorder_->updates, 2);
-
-  store_->discardInAppPurchases();
-  EXPECT_EQ(host_->saves().size(), 2u);
-  EXPECT_EQ(recorder_->updates, 2);
-
-  // The flag alone: reported, nothing to save.
-  server_.setProducts(kToken, {});
-  ASSERT_EQ(restore().result, ZBIAPStoreRestoreResultChanged);
-  size_t saves = host_->saves().size();
-  store_->discardInAppPurchases();
-  EXPECT_EQ(host_->saves().size(), saves);
-  EXPECT_EQ(recorder_->updates, 4);
 }
 
 TEST(StoreMorvaneURLTest, ProductsPathIsAppendedAsAPathComponent) {

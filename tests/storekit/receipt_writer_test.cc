@@ -50,66 +50,55 @@ ReceiptContents sample(int purchases) {
   return c;
 }
 
-class ReceiptWriterTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    writer_ = ReceiptWriter::create();
-    ASSERT_NE(writer_, nullptr);
-  }
-  std::unique_ptr<ReceiptWriter> writer_;
-};
-
-TEST_F(ReceiptWriterTest, SignsThePayloadInAPrimitiveOctetString) {
+TEST(ReceiptWriterTest, SignsThePayloadInAPrimitiveOctetStringInEveryLayout) {
+  auto writer = ReceiptWriter::create();
+  ASSERT_NE(writer, nullptr);
   for (int count : {0, 1, 300}) {
-    ReceiptContents c = sample(count);
-    Data payload = ReceiptWriter::encodePayload(c);
-    auto receipt = writer_->write(c);
-    ASSERT_TRUE(receipt.has_value());
-    EXPECT_EQ(verifiedContent(*receipt), payload);
-    // The payload stands whole in the file behind a primitive OCTET STRING header.
-    auto at = std::search(receipt->begin(), receipt->end(), payload.begin(), payload.end());
-    ASSERT_NE(at, receipt->end());
-    Data header;
-    zbiap::der::appendHeader(&header, zbiap::der::kOctetString, payload.size());
-    EXPECT_TRUE(
-        std::equal(header.begin(), header.end(), at - static_cast<ptrdiff_t>(header.size())));
+    for (int indefinite : {0, 5}) {
+      SCOPED_TRACE(std::to_string(count) + " purchases, indefinite " + std::to_string(indefinite));
+      ReceiptContents c = sample(count);
+      Data payload = ReceiptWriter::encodePayload(c);
+      auto receipt = writer->write(c, {.indefiniteLayers = indefinite});
+      ASSERT_TRUE(receipt.has_value());
+      EXPECT_EQ(verifiedContent(*receipt), payload);
+      // The outer layer: long definite form, or indefinite closed by end-of-contents.
+      EXPECT_EQ((*receipt)[1] == 0x80, indefinite > 0);
+      if (indefinite > 0) {
+        EXPECT_EQ(Data(receipt->end() - 2, receipt->end()), Data(2, 0x00));
+      }
+      // The payload stands whole in the file behind a primitive OCTET STRING header.
+      auto at = std::search(receipt->begin(), receipt->end(), payload.begin(), payload.end());
+      ASSERT_NE(at, receipt->end());
+      Data header;
+      zbiap::der::appendHeader(&header, zbiap::der::kOctetString, payload.size());
+      EXPECT_TRUE(
+          std::equal(header.begin(), header.end(), at - static_cast<ptrdiff_t>(header.size())));
+    }
   }
-}
-
-TEST_F(ReceiptWriterTest, IndefiniteOuterLayersStayReadable) {
-  ReceiptContents c = sample(3);
-  Data payload = ReceiptWriter::encodePayload(c);
-  auto definite = writer_->write(c);
-  auto indefinite = writer_->write(c, {.indefiniteLayers = 5});
-  ASSERT_TRUE(definite && indefinite);
-  EXPECT_EQ(definite->at(1) & 0x80, 0x80);  // long definite form
-  EXPECT_NE(definite->at(1), 0x80);
-  EXPECT_EQ((*indefinite)[0], 0x30);
-  EXPECT_EQ((*indefinite)[1], 0x80);
-  EXPECT_EQ((*indefinite)[indefinite->size() - 1], 0x00);
-  EXPECT_EQ((*indefinite)[indefinite->size() - 2], 0x00);
-  EXPECT_EQ(verifiedContent(*indefinite), payload);
   EXPECT_EQ(zbiap::der::withIndefiniteOuterLayers(Data{0x30, 0x05, 0x01}, 2), std::nullopt);
 }
 
-TEST_F(ReceiptWriterTest, PayloadLayout) {
+TEST(ReceiptWriterTest, PayloadLayout) {
   ReceiptContents c;
   c.environment.reset();
   c.bundleIdentifier = "b";
   ReceiptPurchase p;
   p.quantity.reset();
   c.purchases.push_back(p);
-  Data payload = ReceiptWriter::encodePayload(c, {.emptyAbsentDates = false});
   // SET { SEQ { 2, 1, OCTET { UTF8 "b" } }, SEQ { 17, 1, OCTET { SET {} } } }
-  Data expected = {0x31, 0x19, 0x30, 0x0B, 0x02, 0x01, 0x02, 0x02, 0x01,
-                   0x01, 0x04, 0x03, 0x0C, 0x01, 'b',  0x30, 0x0A, 0x02,
-                   0x01, 0x11, 0x02, 0x01, 0x01, 0x04, 0x02, 0x31, 0x00};
-  EXPECT_EQ(payload, expected);
-
-  // With the App Store's empty dates, the purchase holds 1708 and 1712 as empty IA5Strings.
-  Data purchase = ReceiptWriter::encodePurchase(p, {});
-  Data oneEmpty = {0x30, 0x0B, 0x02, 0x02, 0x06, 0xAC, 0x02, 0x01, 0x01, 0x04, 0x02, 0x16, 0x00};
-  EXPECT_EQ(purchase.size(), 2 + 2 * oneEmpty.size());
+  EXPECT_EQ(
+      ReceiptWriter::encodePayload(c, {.emptyAbsentDates = false}),
+      (Data{0x31, 0x19, 0x30, 0x0B, 0x02, 0x01, 0x02, 0x02, 0x01, 0x01, 0x04, 0x03, 0x0C, 0x01,
+            'b',  0x30, 0x0A, 0x02, 0x01, 0x11, 0x02, 0x01, 0x01, 0x04, 0x02, 0x31, 0x00}));
+  // With the App Store's empty dates, the purchase holds 1708 and 1712 as empty IA5Strings
+  // (SEQ { 1708, 1, OCTET { IA5 "" } } each).
+  EXPECT_EQ(ReceiptWriter::encodePurchase(p, {}).size(), 2u + 2 * 13);
+  EXPECT_EQ(ReceiptWriter::rfc3339UTC(zbiap::Date::fromMicrosSince1970(-1)),
+            "1969-12-31T23:59:59Z");
+  EXPECT_EQ(ReceiptWriter::rfc3339UTC(zbiap::Date::fromMicrosSince1970(1600000000999999)),
+            "2020-09-13T12:26:40Z");
+  EXPECT_EQ(ReceiptWriter::rfc3339UTC(zbiap::Date::fromMicrosSince1970(64060588800LL * 1000000)),
+            "4000-01-01T00:00:00Z");
 }
 
 TEST(DERWriterTest, IntegersAreMinimalTwosComplement) {
@@ -137,19 +126,8 @@ TEST(DERWriterTest, LengthForms) {
   for (size_t n : {0u, 127u, 128u, 255u, 256u, 65535u, 65536u}) {
     Data d;
     zbiap::der::appendHeader(&d, zbiap::der::kOctetString, n);
-    size_t expectedHeader = n < 128 ? 2 : n < 256 ? 3 : n < 65536 ? 4 : 5;
-    EXPECT_EQ(d.size(), expectedHeader) << n;
+    EXPECT_EQ(d.size(), n < 128 ? 2u : n < 256 ? 3u : n < 65536 ? 4u : 5u) << n;
   }
-}
-
-TEST(ReceiptWriterDates, UTCText) {
-  using zbiap::Date;
-  EXPECT_EQ(ReceiptWriter::rfc3339UTC(Date()), "1970-01-01T00:00:00Z");
-  EXPECT_EQ(ReceiptWriter::rfc3339UTC(Date::fromMicrosSince1970(1600000000999999)),
-            "2020-09-13T12:26:40Z");
-  EXPECT_EQ(ReceiptWriter::rfc3339UTC(Date::fromMicrosSince1970(-1)), "1969-12-31T23:59:59Z");
-  EXPECT_EQ(ReceiptWriter::rfc3339UTC(Date::fromMicrosSince1970(64060588800LL * 1000000)),
-            "4000-01-01T00:00:00Z");
 }
 
 }  // namespace

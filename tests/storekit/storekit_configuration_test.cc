@@ -15,6 +15,7 @@ std::filesystem::path examplePath() {
   return std::filesystem::path(ZBIAP_SOURCE_DIR) / "examples" / "Example.storekit";
 }
 
+// What the simulator's tests do not read back through products of the shipped example.
 TEST(StoreKitConfigurationTest, ReadsTheShippedExample) {
   std::string error;
   auto configuration = StoreKitConfiguration::fromFile(examplePath(), &error);
@@ -24,37 +25,24 @@ TEST(StoreKitConfigurationTest, ReadsTheShippedExample) {
   EXPECT_EQ(configuration->locale, "en_US");
   EXPECT_EQ(configuration->timeRate, 0);
   EXPECT_FALSE(configuration->askToBuyEnabled);
-
   const auto* coins = configuration->productWithID("com.example.app.coins100");
   ASSERT_NE(coins, nullptr);
   EXPECT_EQ(coins->type, ProductType::kConsumable);
-  EXPECT_EQ(coins->displayPrice, Decimal::fromString("0.99"));
-  ASSERT_EQ(coins->localizations.size(), 3u);
-  EXPECT_EQ(coins->localizations[1].locale, "de_DE");
   EXPECT_EQ(coins->localizations[1].displayName, "100 Münzen");
-
   const auto* lifetime = configuration->productWithID("com.example.app.lifetime");
-  ASSERT_NE(lifetime, nullptr);
   EXPECT_EQ(lifetime->type, ProductType::kNonConsumable);
   EXPECT_TRUE(lifetime->familyShareable);
-  EXPECT_FALSE(lifetime->subscriptionGroupID);
-
-  const auto* monthly = configuration->productWithID("com.example.app.pro.monthly");
   const auto* yearly = configuration->productWithID("com.example.app.pro.yearly");
-  ASSERT_TRUE(monthly && yearly);
-  EXPECT_EQ(monthly->type, ProductType::kAutoRenewable);
-  EXPECT_EQ(monthly->subscriptionGroupID, "21000001");
-  EXPECT_EQ(yearly->subscriptionGroupID, monthly->subscriptionGroupID);
-  EXPECT_EQ(monthly->recurringSubscriptionPeriod,
-            (SKProductSubscriptionPeriod{1, SKProductPeriodUnit::kMonth}));
+  EXPECT_EQ(yearly->type, ProductType::kAutoRenewable);
   EXPECT_EQ(yearly->recurringSubscriptionPeriod,
             (SKProductSubscriptionPeriod{1, SKProductPeriodUnit::kYear}));
-  ASSERT_TRUE(monthly->introductoryOffer);
-  EXPECT_EQ(monthly->introductoryOffer->paymentMode, SKProductDiscountPaymentModeFreeTrial);
-  EXPECT_EQ(monthly->introductoryOffer->subscriptionPeriod,
-            (SKProductSubscriptionPeriod{1, SKProductPeriodUnit::kWeek}));
-  EXPECT_EQ(monthly->introductoryOffer->numberOfPeriods, 1u);
   EXPECT_FALSE(yearly->introductoryOffer);
+  const auto& trial =
+      configuration->productWithID("com.example.app.pro.monthly")->introductoryOffer;
+  ASSERT_TRUE(trial);
+  EXPECT_EQ(trial->subscriptionPeriod,
+            (SKProductSubscriptionPeriod{1, SKProductPeriodUnit::kWeek}));
+  EXPECT_EQ(trial->numberOfPeriods, 1u);
   // Empty lists, switched-off settings and bookkeeping are not worth a word.
   EXPECT_EQ(configuration->ignoredFields, std::vector<std::string>{"subscriptions[].groupNumber"});
 }
