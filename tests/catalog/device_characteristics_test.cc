@@ -23,8 +23,9 @@ class DeviceCharacteristicsTest : public ::testing::Test {
   static ZBIAPReceiptIAPPtr purchase(std::string product, std::optional<Date> expiration,
                                      std::optional<Date> cancellation = std::nullopt) {
     Date bought = Date::fromTimeIntervalSince1970(1700000000);
-    return ZBIAPReceiptIAP::initWithProductIdentifier(std::move(product), 1, "1000", std::nullopt, bought, bought,
-                                   expiration, cancellation, 0, true);
+    return ZBIAPReceiptIAP::initWithProductIdentifier(std::move(product), 1, "1000", std::nullopt,
+                                                      bought, bought, expiration, cancellation, 0,
+                                                      true);
   }
   testing::TestPlatform platform_;
 };
