@@ -10,10 +10,12 @@
 #include "testing/fake_store.h"
 #include "testing/http_test_server.h"
 #include "testing/test_platform.h"
+#include "zbiap/catalog/device_characteristics.h"
 #include "zbiap/catalog/product_info_v1_fetcher.h"
 #include "zbiap/devserver/answer_signing_key.h"
 #include "zbiap/foundation/json.h"
 #include "zbiap/platform/http_client.h"
+#include "zbiap/support/date_tools.h"
 
 namespace zbiap {
 namespace {
@@ -158,16 +160,10 @@ TEST_F(FetcherTest, SignedRequestAndAnswerOnTheNetworkThread) {
   serve(R"({"products":[)" + std::string(kProduct) +
         R"(],"gold_description":{"en":"<b>Gold</b>","de":"<b>Gold DE</b>"},)"
         R"("feature_groups":{"g":{"order":1}},"features_metadata":[{"identifier":"sync"},7]})");
-  platform_.setDeviceInfo({"iPhone", "iOS", "17.4", "iPhone15,2"});
   auto fetcher = makeFetcher();
-  auto owner = std::make_shared<TestOwner>();
-  owner->country = "CH";
-  fetcher->setOwner(owner);
-
   Outcome out = fetch(*fetcher);
   EXPECT_EQ(out.summary(), "1 products header <b>Gold</b> 1 features groups");
   EXPECT_NE(out.thread, std::this_thread::get_id());
-  EXPECT_EQ(out.response->featureGroups(), (Dictionary{{"g", Value(Dictionary{{"order", 1}})}}));
   EXPECT_TRUE(fetcher->completionBlocks().empty());
 
   httplib::Request request = requests().back();
@@ -179,10 +175,7 @@ TEST_F(FetcherTest, SignedRequestAndAnswerOnTheNetworkThread) {
     EXPECT_EQ(request.get_header_value(name), value) << name;
   }
   EXPECT_TRUE(request.get_header_value("Authorization").starts_with("OAuth "));
-  auto body = parseJSON(request.body);
-  ASSERT_TRUE(body);
-  EXPECT_EQ((*body)["store_country"], Value("CH"));
-  EXPECT_EQ((*body)["client_device"], Value("iPhone"));
+  EXPECT_EQ(parseJSON(request.body), Value(fetcher->deviceCharacteristics()));
 }
 
 // The signature decides before the body; the status is never examined.
@@ -221,12 +214,7 @@ TEST_F(FetcherTest, AnswersOverTheWire) {
   }
 }
 
-TEST_F(FetcherTest, TransportAndURLs) {
-  testing::HttpTestServer closed;
-  ASSERT_TRUE(closed.start());
-  std::string url = closed.url();
-  closed.stop();
-  EXPECT_EQ(fetch(*makeFetcher(std::nullopt, url)).error->code(), kNSURLErrorCannotConnectToHost);
+TEST_F(FetcherTest, URLsAndKeys) {
   EXPECT_EQ(fetch(*makeFetcher(std::nullopt, "no url")).error->code(), kNSURLErrorBadURL);
   // The base URL is joined as text.
   EXPECT_TRUE(fetch(*makeFetcher(std::nullopt, server_.url("/"))).succeeded);
@@ -290,27 +278,58 @@ TEST_F(FetcherTest, BundleCopyIsReadInsideTheCallAndNeverChecked) {
   EXPECT_TRUE(requests().empty());
 }
 
-TEST_F(FetcherTest, RequestBodyFollowsTheOwner) {
+// What a request tells of the device, the app and the owner: the store's country, else the
+// fallback, else "DE"; the purchases held, in order, their expirations in whole seconds.
+TEST_F(FetcherTest, RequestBodyDescribesTheDeviceAndTheOwner) {
+  platform_.writeInfoJSON(R"({"CFBundleShortVersionString":"2.1","CFBundleVersion":210})");
   auto fetcher = makeFetcher();
-  EXPECT_EQ(fetcher->deviceCharacteristics()["store_country"], Value("DE"));
+  EXPECT_EQ(fetcher->deviceCharacteristics(), (Dictionary{{"client_device", Value("Test Device")},
+                                                          {"client_device_version", Value("6.1.0")},
+                                                          {"client_version", Value("2.1 - 210")},
+                                                          {"store_country", Value("DE")}}));
   auto owner = std::make_shared<TestOwner>();
   owner->country = "";
   owner->fallback = "AT";
   auto store = testing::FakeStore::create();
-  Date bought = Date::fromTimeIntervalSince1970(1700000000);
-  store->setInAppPurchases({ZBIAPReceiptIAP::initWithProductIdentifier(
-      "com.example.lifetime", 1, "1", std::nullopt, bought, bought, std::nullopt, std::nullopt, 0,
-      true)});
+  const Date bought = Date::fromTimeIntervalSince1970(1700000000);
+  const Date past = Date::fromTimeIntervalSince1970(1600000000);
+  const Date future = Date::fromTimeIntervalSince1970(1900000000.5);
+  auto purchase = [&](std::string id, std::optional<Date> expiration,
+                      std::optional<Date> cancellation = std::nullopt) {
+    return ZBIAPReceiptIAP::initWithProductIdentifier(std::move(id), 1, "1", std::nullopt, bought,
+                                                      bought, expiration, cancellation, 0, true);
+  };
+  store->setInAppPurchases({purchase("monthly", future), purchase("cancelled", future, past),
+                            purchase("lifetime", std::nullopt), purchase("lapsed", past)});
   owner->store = store;
   fetcher->setOwner(owner);
   Dictionary body = fetcher->deviceCharacteristics();
   EXPECT_EQ(body["store_country"], Value("AT"));
-  EXPECT_EQ(body["available_iaps"],
-            Value(Array{Value(Dictionary{{"product_id", Value("com.example.lifetime")}})}));
+  auto stamp = [](Date d) { return ZBIAPDateTools::dateTools().rfc3339StringFromDate(d); };
+  EXPECT_EQ(toJSON(body["available_iaps"]),
+            R"([{"product_id":"monthly","expiration":")" +
+                stamp(Date::fromTimeIntervalSince1970(1900000000)) +
+                R"("},{"product_id":"lifetime"},{"product_id":"lapsed","expiration":")" +
+                stamp(past) + R"("}])");
   owner->country = "FR";
-  EXPECT_EQ(fetcher->deviceCharacteristics()["store_country"], Value("FR"));
+  store->setInAppPurchases({purchase("monthly", future, future), nullptr});
+  body = fetcher->deviceCharacteristics();
+  EXPECT_EQ(body["store_country"], Value("FR"));
+  EXPECT_FALSE(body.contains("available_iaps"));  // only cancelled purchases
   owner.reset();
   EXPECT_EQ(fetcher->deviceCharacteristics()["store_country"], Value("DE"));
+
+  // The version and the machine as the formatter writes them.
+  for (const char* info : {R"({"CFBundleShortVersionString":"3.0","CFBundleVersion":"x"})", "{}"}) {
+    platform_.writeInfoJSON(info);
+    std::string version = *fetcher->deviceCharacteristics()["client_version"].asString();
+    EXPECT_EQ(version, std::string(info) == "{}" ? "(null) - (null)" : "3.0 - x");
+  }
+  std::filesystem::remove(platform_.bundleDir() / "Info.json");
+  EXPECT_EQ(fetcher->deviceCharacteristics()["client_version"], Value("(null) - (null)"));
+  EXPECT_EQ(ZBIAPDeviceCharacteristics::machineModel(), "x86_64");
+  platform_.setDeviceInfo({"Linux", "Linux", "6.1", ""});
+  EXPECT_EQ(ZBIAPDeviceCharacteristics::machineModel(), "Just an Apple Computer");
 }
 
 // The envelope, checked in this order; every caller receives the one outcome.

@@ -1,12 +1,17 @@
 #include "catalog/oauth1_signer.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <functional>
+#include <future>
 #include <set>
 #include <string>
 
 #include "testing/testdata.h"
 #include "zbiap/foundation/json.h"
+#include "zbiap/platform/http_client.h"
 #include "zbiap/platform/platform.h"
 
 namespace zbiap {
@@ -154,6 +159,72 @@ TEST(OAuth1SignerTest, AuthorizationHeaderCarriesTheProtocolParameters) {
   unsignable.url = "not a url";
   EXPECT_FALSE(signer->authorizeRequest(unsignable));
   EXPECT_FALSE(unsignable.headerValue("Authorization"));
+}
+
+// The status and report of an answer: the peer below says 200 when a signature holds, 401 when
+// not.
+std::string send(HttpRequest request) {
+  std::promise<std::string> promise;
+  HttpClient::shared()->send(std::move(request), [&](auto response, auto error) {
+    promise.set_value(response ? std::to_string(response->statusCode) + " " +
+                                     std::string(response->bodyText())
+                               : error->description());
+  });
+  auto future = promise.get_future();
+  if (future.wait_for(std::chrono::seconds(30)) != std::future_status::ready) return "no answer";
+  return future.get();
+}
+
+// An independent OAuth 1.0 implementation, testing/oauth_peer.py with python3-oauthlib, judges
+// every request it receives; it announces its port on its first line and stops on GET /quit.
+class OAuthPeer {
+ public:
+  OAuthPeer(const std::string& key, const std::string& secret) {
+    std::string command = "exec /usr/bin/python3 '" +
+                          (testing::sourceDir() / "testing" / "oauth_peer.py").string() + "' '" +
+                          key + "' '" + secret + "' _ '' 2>/dev/null";
+    out_ = popen(command.c_str(), "r");
+    char line[64] = {};
+    if (out_ && fgets(line, sizeof(line), out_)) sscanf(line, "PORT %d", &port_);
+  }
+  ~OAuthPeer() {
+    if (port_ > 0) send(get("/quit"));
+    if (out_) pclose(out_);
+  }
+  bool running() const { return port_ > 0; }
+  HttpRequest get(const std::string& path) const {
+    HttpRequest request;
+    request.url = "http://127.0.0.1:" + std::to_string(port_) + path;
+    return request;
+  }
+
+ private:
+  FILE* out_ = nullptr;
+  int port_ = 0;
+};
+
+// The catalogue request, and queries and form bodies with awkward characters; and the peer does
+// judge: a request signed with another secret fails.
+TEST(OAuth1PeerTest, AcceptsOurSignaturesOnly) {
+  const std::string key = "zbiap-test-consumer", secret = "s3cr*t&=%/ key";
+  OAuthPeer peer(key, secret);
+  if (!peer.running()) GTEST_SKIP() << "the OAuth peer did not start (python3-oauthlib?)";
+  HttpRequest catalogue = peer.get("/api/v1/in_app_purchases/products_description");
+  catalogue.method = "POST";
+  catalogue.setHeader("Content-Type", "application/json");
+  catalogue.setBody(R"({"client_device":"Linux PC","store_country":"DE"})");
+  HttpRequest query = peer.get("/v1/p?q=a+b%2Bc&empty=&name=%E2%82%AC%20x&dup=2&dup=1&flag");
+  HttpRequest form = peer.get("/form?z=1");
+  form.method = "POST";
+  form.setHeader("Content-Type", "application/x-www-form-urlencoded");
+  form.setBody("status=Hello%20Ladies%20%2B%20Gentlemen&a=%C3%A6%C3%A5%C3%B8&b=~-._*");
+  for (HttpRequest& request : {std::ref(catalogue), std::ref(query), std::ref(form)}) {
+    HttpRequest other = request;
+    ASSERT_TRUE(OAuth1Signer::create(key, secret, "_")->authorizeRequest(request));
+    EXPECT_THAT(send(request), ::testing::StartsWith("200 "));
+    ASSERT_TRUE(OAuth1Signer::create(key, "other secret", "_")->authorizeRequest(other));
+    EXPECT_THAT(send(other), ::testing::StartsWith("401 "));
+  }
 }
 
 }  // namespace
