@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <variant>
 #include <vector>
 
 namespace zbiap {
@@ -57,42 +58,38 @@ class SQLiteUserDefaultsTest : public ::testing::Test {
   std::vector<std::string> log_;
 };
 
+// Strings and data byte for byte, across a reopening; a string is not data and data is not a
+// string, as in Foundation's defaults, and replacing a value changes its kind.
 TEST_F(SQLiteUserDefaultsTest, KeepsStringsAndDataExactlyAcrossReopening) {
-  const std::string withNul = "a\0b\xc3\xa9"s;
-  const Data binary = {0, 1, 2, 0, 255}, big(1 << 20, 0x5a);
+  // clang-format off
+  const std::pair<std::string, std::variant<std::string, Data>> values[] = {
+      {"s", "hello"s}, {"empty", ""s}, {"nul", "a\0b\xc3\xa9"s}, {"key\0x"s, "nul key"s},
+      {"d", Data{0, 1, 2, 0, 255}}, {"nodata", Data()}, {"big", Data(1 << 20, 0x5a)},
+      {"replaced", "text"s}};
+  // clang-format on
   {
     auto defaults = open();
-    EXPECT_EQ(defaults->stringForKey("missing"), std::nullopt);
-    EXPECT_EQ(defaults->dataForKey("missing"), std::nullopt);
-    for (const auto& [key, value] :
-         {std::pair{"s"s, "hello"s}, {"empty"s, ""s}, {"nul"s, withNul}, {"key\0x"s, "nul key"s}}) {
-      EXPECT_TRUE(defaults->setString(key, value));
+    EXPECT_EQ(defaults->stringForKey("s"), std::nullopt);
+    EXPECT_EQ(defaults->dataForKey("d"), std::nullopt);
+    EXPECT_TRUE(defaults->setData("replaced", Data{1}));
+    for (const auto& [key, value] : values) {
+      const std::string* text = std::get_if<std::string>(&value);
+      EXPECT_TRUE(text ? defaults->setString(key, *text)
+                       : defaults->setData(key, std::get<Data>(value)));
     }
-    EXPECT_TRUE(defaults->setData("d", binary));
-    EXPECT_TRUE(defaults->setData("nodata", Data()));
-    EXPECT_TRUE(defaults->setData("big", big));
-    // Replacing changes the kind with the value.
-    EXPECT_TRUE(defaults->setData("replaced", binary));
-    EXPECT_TRUE(defaults->setString("replaced", "text"));
     EXPECT_TRUE(defaults->setString("gone", "x"));
     EXPECT_TRUE(defaults->removeObjectForKey("gone"));
     EXPECT_TRUE(defaults->removeObjectForKey("never there"));
   }
   auto defaults = open();
-  EXPECT_EQ(defaults->stringForKey("s"), "hello");
-  EXPECT_EQ(defaults->stringForKey("empty"), "");
-  EXPECT_EQ(defaults->stringForKey("nul"), withNul);
-  EXPECT_EQ(defaults->stringForKey("key\0x"s), "nul key");
+  for (const auto& [key, value] : values) {
+    const std::string* text = std::get_if<std::string>(&value);
+    const Data* data = std::get_if<Data>(&value);
+    EXPECT_EQ(defaults->stringForKey(key), text ? std::optional(*text) : std::nullopt) << key;
+    EXPECT_EQ(defaults->dataForKey(key), data ? std::optional(*data) : std::nullopt) << key;
+  }
   EXPECT_EQ(defaults->stringForKey("key"), std::nullopt);
-  EXPECT_EQ(defaults->dataForKey("d"), binary);
-  EXPECT_EQ(defaults->dataForKey("nodata"), Data());
-  EXPECT_EQ(defaults->dataForKey("big"), big);
-  EXPECT_EQ(defaults->stringForKey("replaced"), "text");
   EXPECT_EQ(defaults->stringForKey("gone"), std::nullopt);
-  // A string is not data and data is not a string, as in Foundation's defaults.
-  EXPECT_EQ(defaults->dataForKey("s"), std::nullopt);
-  EXPECT_EQ(defaults->stringForKey("d"), std::nullopt);
-  EXPECT_EQ(defaults->dataForKey("replaced"), std::nullopt);
   EXPECT_TRUE(takeLog().empty());
 }
 
@@ -165,18 +162,6 @@ TEST_F(SQLiteUserDefaultsTest, AProcessKilledMidWriteLeavesEveryKeyAtItsOldOrNew
         EXPECT_LE(values[i], values[i - 1]) << key(i);
       }
     }
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
-    std::string check;
-    sqlite3_exec(
-        db, "PRAGMA integrity_check",
-        [](void* out, int, char** row, char**) {
-          *static_cast<std::string*>(out) += row[0];
-          return 0;
-        },
-        &check, nullptr);
-    sqlite3_close(db);
-    EXPECT_EQ(check, "ok");
     // The store keeps working after the crash.
     EXPECT_TRUE(defaults->setString(key(0), std::to_string(values[0])));
   }
