@@ -34,15 +34,15 @@ class TestOwner final : public ProductInfoFetcherOwner {
   std::shared_ptr<ZBIAPStore> storeForRequests() const override { return store; }
 };
 
+// One caller's outcome: a response, else the error given (maybe none).
 struct Outcome {
   std::shared_ptr<ZBIAPProductInfoResponse> response;
   ZBIAPErrorPtr error;
-  bool succeeded = false;
   std::thread::id thread;
 
   // "2 products header H 1 features groups", or "Domain/code description (underlying)".
   std::string summary() const {
-    if (succeeded) {
+    if (response) {
       std::string text = std::to_string(response->productInfos()->size()) + " products";
       if (auto header = response->htmlStoreHeader()) text += " header " + *header;
       if (auto set = response->featureSet())
@@ -62,15 +62,12 @@ struct Outcome {
 class Waiter {
  public:
   ZBIAPProductInfoFetcher::SuccessBlock success() {
-    return [p = promise_](auto response) {
-      p->set_value({std::move(response), nullptr, true, std::this_thread::get_id()});
-    };
+    return [p = promise_](auto response) { p->set_value({response, nullptr, this_thread()}); };
   }
   ZBIAPProductInfoFetcher::FailureBlock failure() {
-    return [p = promise_](auto error) {
-      p->set_value({nullptr, std::move(error), false, std::this_thread::get_id()});
-    };
+    return [p = promise_](auto error) { p->set_value({nullptr, error, this_thread()}); };
   }
+  static std::thread::id this_thread() { return std::this_thread::get_id(); }
   std::shared_ptr<ZBIAPProductInfoV1FetcherBlocks> blocks() {
     auto blocks = std::make_shared<ZBIAPProductInfoV1FetcherBlocks>();
     blocks->success = success();
@@ -217,7 +214,7 @@ TEST_F(FetcherTest, AnswersOverTheWire) {
 TEST_F(FetcherTest, URLsAndKeys) {
   EXPECT_EQ(fetch(*makeFetcher(std::nullopt, "no url")).error->code(), kNSURLErrorBadURL);
   // The base URL is joined as text.
-  EXPECT_TRUE(fetch(*makeFetcher(std::nullopt, server_.url("/"))).succeeded);
+  EXPECT_EQ(fetch(*makeFetcher(std::nullopt, server_.url("/"))).summary(), "1 products");
   EXPECT_EQ(requests().back().path, "//api/v1/in_app_purchases/products_description");
 
   EXPECT_EQ(ZBIAPProductInfoV1Fetcher::initWithBaseURL(server_.url(), kAccept, "", "secret"),
@@ -239,7 +236,7 @@ TEST_F(FetcherTest, CallersJoinTheRunningFetch) {
   server_.release();
 
   Outcome a = first.get(), b = second.get(), c = bundle.get();
-  ASSERT_TRUE(a.succeeded && b.succeeded && c.succeeded);
+  ASSERT_EQ(a.summary(), "1 products");
   EXPECT_EQ(a.response, b.response);
   EXPECT_EQ(a.response, c.response);
   EXPECT_EQ(requests().size(), 1u);
@@ -254,8 +251,8 @@ TEST_F(FetcherTest, ACallbackMayStartTheNextFetch) {
         success(response);
       },
       first.failure());
-  EXPECT_TRUE(first.get().succeeded);
-  EXPECT_TRUE(second.get().succeeded);
+  EXPECT_EQ(first.get().summary(), "1 products");
+  EXPECT_EQ(second.get().summary(), "1 products");
   EXPECT_EQ(requests().size(), 2u);
 }
 

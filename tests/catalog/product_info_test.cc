@@ -160,24 +160,33 @@ TEST_F(ProductInfoTest, OptionalFieldsIgnoreWhatTheyCannotRead) {
        R"({"metadata":{}},"x",{"identifier":7,"metadata":"ignored"}])",
        "featureMetadata=2", "feature missing:identifier"},
       {R"(,"features_metadata":[1,[]])", "featureMetadata=0"},
-      // Colours: "#rgb" or "#rrggbb", the "#" optional, any case; else none.
       {R"(,"background_color":"#1a2B3c","title_color":"fff")",
        "titleColor=#ffffff background=#1a2b3c"},
-      {R"(,"background_color":"1a2B3c")", "background=#1a2b3c"},
-      {R"(,"background_color":"#abc")", "background=#aabbcc"},
-      {R"(,"background_color":"ABC")", "background=#aabbcc"},
-      {R"(,"background_color":"#fzz")", "background=#ff0000"},
   };
   for (const Row& row : rows) {
     EXPECT_EQ(read(row.json), row.read) << row.json;
     EXPECT_EQ(messages(), row.messages) << row.json;
   }
-  for (const char* bad : {"#1a2B3", "1a2B3c4", "#1g2b3c", "zab", "", "#", "##ab", "#12345678"}) {
-    EXPECT_EQ(read(std::string(R"(,"background_color":")") + bad + "\""), "") << bad;
+  // clang-format off
+  const std::pair<const char*, const char*> colours[] = {
+      {"#1a2B3c", "#1a2b3c"}, {"1a2B3c", "#1a2b3c"}, {"#abc", "#aabbcc"}, {"ABC", "#aabbcc"},
+      {"#fzz", "#ff0000"}, {"#1a2B3", ""}, {"1a2B3c4", ""}, {"#1g2b3c", ""}, {"zab", ""}, {"", ""},
+      {"#", ""}, {"##ab", ""}, {"#12345678", ""},
+      // As the C library converts: strtoul skips blanks and takes a sign, each pair must be
+      // read whole; lengths count UTF-16 units, so "#fé" + "é" is four and reads as red, and an
+      // astral character is two units.
+      {" f0000", "#0f0000"}, {"0x0000", ""}, {"f 0000", ""}, {"#f\xc3\xa9\xc3\xa9", "#ff0000"},
+      {"\xc3\xa9" "ab", ""}, {"ab\xc3\xa9" "def", ""}, {"a\xf0\x9f\x98\x80", "#aa0000"}};
+  // clang-format on
+  for (const auto& [text, hex] : colours) {
+    EXPECT_EQ(read(std::string(R"(,"background_color":")") + text + "\""),
+              *hex ? std::string("background=") + hex : "")
+        << text;
   }
+  EXPECT_EQ(colorFromHexString("\xff\xfe\xfd"), std::nullopt);
   auto dpi = ZBIAPProductInfoV1::initWithDictionary(
-      json(R"({"identifier":"a","inactive":true,"features_metadata":[{"identifier":"sync",)"
-           R"("metadata":{"limit":3}},{"identifier":7,"metadata":"ignored"}]})"));
+      json(R"({"identifier":"a","features_metadata":[{"identifier":"sync","metadata":{"limit":3}},)"
+           R"({"identifier":7,"metadata":"ignored"}],"inactive":true})"));
   EXPECT_EQ(dpi->metadataForFeatureIdentifier("sync")->metadata(), json(R"({"limit":3})"));
   EXPECT_TRUE(dpi->metadataForFeatureIdentifier("7")->metadata().isNil());
   EXPECT_EQ(dpi->metadataForFeatureIdentifier("export"), nullptr);
@@ -228,30 +237,6 @@ TEST_F(ProductInfoTest, TextsInTheFirstPreferredLanguageElseGerman) {
                      R"("subtitle":{"fr":"Salut","de":"Hallo"}})"),
                 french)),
             "a inactive title=Bonjour subtitle=Salut");
-}
-
-TEST(HexColorTest, FollowsTheCLibraryConversion) {
-  const std::pair<const char*, const char*> rows[] = {
-      // strtoul skips blanks and takes a sign, and each pair must be consumed whole.
-      {" f0000", "#0f0000"},
-      {"0x0000", "-"},
-      {"f 0000", "-"},
-      // Lengths count UTF-16 units: "é" is one, so "#fé" + "é" is four and reads as red; an
-      // astral character is two units.
-      {"#f\xc3\xa9\xc3\xa9", "#ff0000"},
-      {"\xc3\xa9"
-       "ab",
-       "-"},
-      {"ab\xc3\xa9"
-       "def",
-       "-"},
-      {"a\xf0\x9f\x98\x80", "#aa0000"},
-      {"\xff\xfe\xfd", "-"},
-  };
-  for (const auto& [text, hex] : rows) {
-    auto color = colorFromHexString(text);
-    EXPECT_EQ(color ? color->hexString() : "-", hex) << text;
-  }
 }
 
 constexpr char kBase[] =

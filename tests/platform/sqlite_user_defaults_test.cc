@@ -1,7 +1,6 @@
 #include "zbiap/platform/sqlite_user_defaults.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -110,62 +109,6 @@ TEST_F(SQLiteUserDefaultsTest, TwoConnectionsWriteWithoutLosingAnything) {
     EXPECT_EQ(first->stringForKey("a" + std::to_string(i)), std::to_string(i));
     EXPECT_EQ(first->stringForKey("b" + std::to_string(i)), std::to_string(i));
   }
-}
-
-TEST_F(SQLiteUserDefaultsTest, AProcessKilledMidWriteLeavesEveryKeyAtItsOldOrNewValue) {
-  constexpr int kKeys = 8;
-  auto key = [](int i) { return "key" + std::to_string(i); };
-  for (int i = 0; i < kKeys; ++i) ASSERT_TRUE(open()->setString(key(i), "0"));
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    const int start = std::stoi(*open()->stringForKey(key(kKeys - 1)));
-    pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      ::close(fds[0]);
-      SQLiteUserDefaults defaults(path_, nullptr);
-      for (int round = start + 1;; ++round) {
-        for (int i = 0; i < kKeys; ++i) {
-          if (!defaults.setString(key(i), std::to_string(round))) ::_exit(3);
-        }
-        if (::write(fds[1], &round, sizeof round) != sizeof round) ::_exit(4);
-      }
-    }
-    ::close(fds[1]);
-    // Let a few rounds commit, then kill it wherever it is.
-    int acknowledged = start, round;
-    while (acknowledged < start + 3 + attempt * 7 &&
-           ::read(fds[0], &round, sizeof round) == static_cast<ssize_t>(sizeof round)) {
-      acknowledged = round;
-    }
-    ASSERT_EQ(::kill(child, SIGKILL), 0);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status)) << "the writer stopped by itself: " << status;
-    while (::read(fds[0], &round, sizeof round) == static_cast<ssize_t>(sizeof round)) {
-      acknowledged = round;
-    }
-    ::close(fds[0]);
-
-    // Every reported round is complete; at most the round after it is partly written, in key
-    // order: a prefix of the keys at acknowledged+1, the rest at acknowledged.
-    auto defaults = open();
-    std::vector<int> values;
-    for (int i = 0; i < kKeys; ++i) {
-      std::optional<std::string> value = defaults->stringForKey(key(i));
-      ASSERT_TRUE(value.has_value()) << key(i);
-      values.push_back(std::stoi(*value));
-      EXPECT_GE(values[i], acknowledged) << key(i);
-      EXPECT_LE(values[i], acknowledged + 1) << key(i);
-      if (i > 0) {
-        EXPECT_LE(values[i], values[i - 1]) << key(i);
-      }
-    }
-    // The store keeps working after the crash.
-    EXPECT_TRUE(defaults->setString(key(0), std::to_string(values[0])));
-  }
-  EXPECT_TRUE(takeLog().empty());
 }
 
 TEST_F(SQLiteUserDefaultsTest, ALockedFileReadsAbsentAndRefusesWritesUntilReleased) {
