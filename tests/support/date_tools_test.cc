@@ -184,6 +184,8 @@ TEST(DateToolsCalendarTest, MidnightIsThatOfTheGivenCalendar) {
   EXPECT_EQ(tools.dateAtMidnight(utc(kMarch5), tools.calendar()), utc(kMarch5 - 37230));
 }
 
+// Durations become dates read as fields, the lowest values filling the rest (year 1, not 1970):
+// 12M is 1 December of year 1, 3d is 3 January; so they sort.
 TEST(DateToolsCalendarTest, DateFromComponentsReadsFieldsFillingLowestValues) {
   ScopedTimeZone zone("UTC");
   ZBIAPDateTools tools;
@@ -192,15 +194,14 @@ TEST(DateToolsCalendarTest, DateFromComponentsReadsFieldsFillingLowestValues) {
   full.minute = 20;
   full.second = 30;
   EXPECT_EQ(tools.dateFromComponents(full), utc(kMarch5));
+  auto dateOf = [&tools](const char* duration) {
+    return tools.dateFromComponents(*tools.componentsFromDurationString(duration));
+  };
   DateComponents first = fields(1, 1, std::nullopt, 1);
   first.era = 1;
   const auto start = tools.dateFromComponents(first);
   ASSERT_TRUE(start);
-  EXPECT_EQ(tools.dateFromComponents({}), start);  // not 1970
-  // Durations become dates read as fields: 12M is 1 December of year 1, 3d is 3 January.
-  auto dateOf = [&tools](const char* duration) {
-    return tools.dateFromComponents(*tools.componentsFromDurationString(duration));
-  };
+  EXPECT_EQ(tools.dateFromComponents({}), start);
   EXPECT_EQ(dateOf("1m"), start);
   EXPECT_EQ(*dateOf("3d") - *start, std::chrono::hours(48));
   EXPECT_LT(dateOf("0d"), start);
@@ -211,7 +212,6 @@ TEST(DateToolsCalendarTest, DateFromComponentsReadsFieldsFillingLowestValues) {
   EXPECT_EQ(tools.dateFromComponents(fields(INT64_MAX)), std::nullopt);
   EXPECT_EQ(dateOf("99999999y"), std::nullopt);
   (void)tools.dateFromComponents(fields(std::nullopt, {}, {}, 2000000000));
-  EXPECT_EQ(full.description(), "{year=2024 month=3 day=5 hour=10 minute=20 second=30}");
 }
 
 TEST(DateToolsInstanceTest, OnePerThread) {
