@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "zbiap/foundation/value.h"
@@ -41,17 +40,6 @@ TEST(SmallSetTest, ValuesFollowFoundationEqualityAtAnySize) {
     EXPECT_TRUE(set.insert(Value(0)).second);
     EXPECT_EQ(set, reversed);
   }
-}
-
-TEST(SmallSetTest, SharedPointersByIdentity) {
-  SmallSet<std::shared_ptr<int>> set;
-  auto a = std::make_shared<int>(1), b = std::make_shared<int>(1);
-  EXPECT_TRUE(set.insert(a).second);
-  EXPECT_TRUE(set.insert(b).second);
-  EXPECT_FALSE(set.insert(a).second);
-  SmallSet<std::shared_ptr<int>> other{std::make_shared<int>(1), std::make_shared<int>(1)};
-  EXPECT_FALSE(set == other);
-  EXPECT_EQ(set, (SmallSet<std::shared_ptr<int>>{b, a}));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "foundation/object_lists.h"
 #include "zbiap/foundation/color.h"
 #include "zbiap/foundation/error.h"
 
@@ -37,6 +38,19 @@ TEST(ErrorTest, DescriptionAndEquality) {
     EXPECT_FALSE(make(1)->isEqual(*other)) << other->description();
   }
   EXPECT_FALSE(make(1, make(5))->isEqual(*make(1, make(6))));
+}
+
+// Lists of such objects compare element by element with the objects' own equality; a missing
+// element equals only another missing one.
+TEST(ErrorTest, ListsCompareByElement) {
+  using List = std::vector<ZBIAPErrorPtr>;
+  const ZBIAPErrorPtr e = ZBIAPError::make("D", 1);
+  EXPECT_TRUE(zbiap::sameObjects(List{e, nullptr}, List{ZBIAPError::make("D", 1), nullptr}));
+  EXPECT_FALSE(zbiap::sameObjects(List{nullptr}, List{e}));
+  EXPECT_FALSE(zbiap::sameObjects(List{e}, List{nullptr}));
+  EXPECT_FALSE(zbiap::sameObjects(std::optional<List>(), List{}));
+  EXPECT_EQ(zbiap::describeObjects(List{e, nullptr}),
+            "(\n    Error Domain=D Code=1 \"(null)\",\n    (null)\n)");
 }
 
 TEST(ColorTest, DescriptionHexAndHash) {

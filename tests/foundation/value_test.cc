@@ -49,7 +49,7 @@ TEST(ValueTest, NumbersCompareByValueAcrossKinds) {
   EXPECT_EQ(set.size(), 3u);
 }
 
-TEST(ValueTest, NumberConversions) {
+TEST(ValueTest, ConversionsAndViews) {
   // Truncated toward zero and saturated, the smallest integer exactly.
   // clang-format off
   const std::pair<Value, std::optional<int64_t>> ints[] = {
@@ -73,9 +73,7 @@ TEST(ValueTest, NumberConversions) {
   EXPECT_EQ(Value(9.99).decimalValue(), Decimal::fromString("9.99"));
   EXPECT_EQ(Value(true).decimalValue(), Decimal::fromInt(1));
   EXPECT_EQ(Value::null().doubleValue(), std::nullopt);
-}
-
-TEST(ValueTest, ViewsOfTheWrongKindAreEmpty) {
+  // Views of the wrong kind are empty.
   const Value array(Array{Value(1), Value("two")});
   EXPECT_EQ(array[1], Value("two"));
   EXPECT_TRUE(array[2].isNil());

@@ -1,15 +1,13 @@
-#include "testing/test_platform.h"
+#include "zbiap/platform/linux_platform.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 
-
-#include "zbiap/platform/linux_platform.h"
+#include "testing/test_platform.h"
 
 namespace zbiap::testing {
 namespace {
-
 
 TEST(LinuxPlatformTest, UsesTheNamedBundleAndDefaultsFile) {
   TestPlatform scratch;  // Only for its temporary directory.

@@ -1,12 +1,16 @@
 #include "zbiap/support/date_tools.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <ostream>
+#include <random>
 #include <string>
 #include <thread>
 
-#include "tests/support/scoped_time_zone.h"
+#include "support/rfc3339_fast_path.h"
 
 namespace zbiap {
 void PrintTo(const DateComponents& components, std::ostream* out) {
@@ -18,7 +22,25 @@ namespace {
 
 using zbiap::Date;
 using zbiap::DateComponents;
-using zbiap::testing::ScopedTimeZone;
+
+// Sets the process's TZ for the life of the object and makes ICU read it again, so that
+// ZBIAPDateTools instances built inside the scope work in that zone.
+class ScopedTimeZone {
+ public:
+  explicit ScopedTimeZone(const char* zone) {
+    if (const char* old = std::getenv("TZ")) previous_ = old;
+    set(zone);
+  }
+  ~ScopedTimeZone() { set(previous_ ? previous_->c_str() : nullptr); }
+
+ private:
+  static void set(const char* zone) {
+    zone ? ::setenv("TZ", zone, 1) : ::unsetenv("TZ");
+    ::tzset();
+    ZBIAPDateTools::resetSystemTimeZone();
+  }
+  std::optional<std::string> previous_;
+};
 
 // 2024-03-05 10:20:30 UTC.
 constexpr int64_t kMarch5 = 1709634030;
@@ -73,31 +95,6 @@ TEST(DateToolsReadTest, RoundTripsAndReadsBothFormsInEveryZone) {
         << name;
     EXPECT_EQ(tools.dateFromRFC3339String("2024-03-05T04:50:30-0530"), utc(kMarch5)) << name;
     EXPECT_EQ(tools.dateFromRFC3339String("2000-02-29T00:00:00Z"), utc(951782400)) << name;
-  }
-}
-
-TEST(DateToolsReadTest, RefusesWhatIsNotAStamp) {
-  ScopedTimeZone zone("UTC");
-  ZBIAPDateTools tools;
-  std::string fullwidth;  // digits ICU's number parser also reads
-  for (int i = 0; i < 40; ++i) fullwidth += "\xef\xbc\x94";
-  // clang-format off
-  const std::string refused[] = {
-      "", "garbage", "2024-03-05", "2024-03-05T10:20:30", "2024-03-05T10:20:30Z junk",
-      "2024-03-05T10:20:30+01:00x", "2024-02-30T10:20:30Z", "2023-02-29T10:20:30Z",
-      "1900-02-29T00:00:00Z", "2024-03-05T24:00:00Z", "2024-03-05T10:60:30Z",
-      "2024-03-05T10:20:61Z", "2024-13-05T10:20:30Z", "2024-03-05T10:20:30+24:00",
-      "2024-03-05 10:20:30Z", std::string("2024-03-05T10:20:30\0Z", 21),
-      "2024-03-05T10:20:30\xff\xfe", "\xc3\x28\xa0\xa1\xe2\x28\xa1", std::string(100000, '9'),
-      std::string(5000, '-'),
-      // ICU divides by zero on a fraction of 35 digits or more; such runs never reach it.
-      "2024-03-05T10:20:30." + std::string(40, '4') + "+00:00",
-      "2024-03-05T10:20:30." + std::string(40, '4') + "Z", "2024-03-05T10:20:30." + fullwidth + "Z",
-  };
-  // clang-format on
-  for (const std::string& text : refused) {
-    EXPECT_EQ(tools.dateFromRFC3339String(text), std::nullopt) << text.substr(0, 40);
-    EXPECT_EQ(tools.dateFromRFC3339StringWithICU(text), std::nullopt) << text.substr(0, 40);
   }
 }
 
@@ -187,6 +184,8 @@ TEST(DateToolsCalendarTest, MidnightIsThatOfTheGivenCalendar) {
   EXPECT_EQ(tools.dateAtMidnight(utc(kMarch5), tools.calendar()), utc(kMarch5 - 37230));
 }
 
+// Durations become dates read as fields, the lowest values filling the rest (year 1, not 1970):
+// 12M is 1 December of year 1, 3d is 3 January; so they sort.
 TEST(DateToolsCalendarTest, DateFromComponentsReadsFieldsFillingLowestValues) {
   ScopedTimeZone zone("UTC");
   ZBIAPDateTools tools;
@@ -195,15 +194,14 @@ TEST(DateToolsCalendarTest, DateFromComponentsReadsFieldsFillingLowestValues) {
   full.minute = 20;
   full.second = 30;
   EXPECT_EQ(tools.dateFromComponents(full), utc(kMarch5));
+  auto dateOf = [&tools](const char* duration) {
+    return tools.dateFromComponents(*tools.componentsFromDurationString(duration));
+  };
   DateComponents first = fields(1, 1, std::nullopt, 1);
   first.era = 1;
   const auto start = tools.dateFromComponents(first);
   ASSERT_TRUE(start);
-  EXPECT_EQ(tools.dateFromComponents({}), start);  // not 1970
-  // Durations become dates read as fields: 12M is 1 December of year 1, 3d is 3 January.
-  auto dateOf = [&tools](const char* duration) {
-    return tools.dateFromComponents(*tools.componentsFromDurationString(duration));
-  };
+  EXPECT_EQ(tools.dateFromComponents({}), start);
   EXPECT_EQ(dateOf("1m"), start);
   EXPECT_EQ(*dateOf("3d") - *start, std::chrono::hours(48));
   EXPECT_LT(dateOf("0d"), start);
@@ -214,7 +212,6 @@ TEST(DateToolsCalendarTest, DateFromComponentsReadsFieldsFillingLowestValues) {
   EXPECT_EQ(tools.dateFromComponents(fields(INT64_MAX)), std::nullopt);
   EXPECT_EQ(dateOf("99999999y"), std::nullopt);
   (void)tools.dateFromComponents(fields(std::nullopt, {}, {}, 2000000000));
-  EXPECT_EQ(full.description(), "{year=2024 month=3 day=5 hour=10 minute=20 second=30}");
 }
 
 TEST(DateToolsInstanceTest, OnePerThread) {
@@ -223,6 +220,99 @@ TEST(DateToolsInstanceTest, OnePerThread) {
   ZBIAPDateTools* theirs = nullptr;
   std::thread([&theirs] { theirs = &ZBIAPDateTools::dateTools(); }).join();
   EXPECT_NE(mine, theirs);
+}
+
+// The fast RFC 3339 reader must give exactly what ICU gives: many generated stamps of the shapes
+// it takes, and near misses of them, read by both.
+// A random stamp, mostly valid: fields sometimes run one past their range, the zone is "Z",
+// "+HH:MM" or "+HHMM" with offsets up to 24 hours, and there may be five fraction digits.
+std::string randomStamp(std::mt19937_64& rng) {
+  auto pick = [&rng](int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); };
+  std::string text = fmt::format(
+      "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", pick(1600, 9999), pick(1, 12 + (pick(0, 20) == 0)),
+      pick(1, 31), pick(0, 23 + (pick(0, 20) == 0)), pick(0, 59), pick(0, 59 + (pick(0, 20) == 0)));
+  if (pick(0, 1)) text += fmt::format(".{:05}", pick(0, 99999));
+  const int zone = pick(0, 2);
+  if (zone == 0) return text + "Z";
+  return text + fmt::format(fmt::runtime(zone == 1 ? "{}{:02}:{:02}" : "{}{:02}{:02}"),
+                            pick(0, 1) ? '+' : '-', pick(0, 24), pick(0, 59));
+  return text;
+}
+
+void expectSameAsICU(ZBIAPDateTools& tools, const std::string& text) {
+  const auto icu = tools.dateFromRFC3339StringWithICU(text);
+  const auto fast = zbiap::parseRFC3339Fast(text);
+  if (fast) {
+    ASSERT_TRUE(icu) << "fast path took what ICU refuses: " << text;
+    EXPECT_EQ(*fast, icu->microsSince1970()) << text;
+  }
+  EXPECT_EQ(tools.dateFromRFC3339String(text), icu) << text;
+}
+
+// Generated stamps in three zones, each also with one character changed, dropped or added.
+TEST(RFC3339FastPathTest, AgreesWithICUOnGeneratedStampsAndNearMisses) {
+  const std::string alphabet = "0123456789-+:.TZtz \x7f\xc3";
+  for (const char* name : {"UTC", "Asia/Kolkata", "America/Sao_Paulo"}) {
+    ScopedTimeZone zone(name);
+    ZBIAPDateTools tools;
+    std::mt19937_64 rng(20240305);
+    int taken = 0;
+    for (int i = 0; i < 10000 && !::testing::Test::HasFailure(); ++i) {
+      std::string text = randomStamp(rng);
+      expectSameAsICU(tools, text);
+      if (zbiap::parseRFC3339Fast(text)) ++taken;
+      const size_t at = rng() % text.size();
+      const char c = alphabet[rng() % alphabet.size()];
+      const uint64_t change = rng() % 3;
+      if (change == 0) text[at] = c;
+      if (change == 1) text.erase(at, 1);
+      if (change == 2) text.insert(at, 1, c);
+      expectSameAsICU(tools, text);
+    }
+    // Most generated stamps are of the common shapes and must not all fall back to ICU.
+    EXPECT_GT(taken, 5000) << name;
+  }
+}
+
+// Shapes at the edges of the fast reader's, and what no reader takes.
+TEST(RFC3339FastPathTest, EdgesOfTheShapesAndWhatIsNoStamp) {
+  ScopedTimeZone zone("UTC");
+  ZBIAPDateTools tools;
+  // The commonest shape is read without ICU.
+  EXPECT_EQ(zbiap::parseRFC3339Fast("2024-03-05T10:20:30Z"), kMarch5 * 1000000);
+  // clang-format off
+  for (const char* text : {
+           "1600-01-01T00:00:00Z", "1599-12-31T23:59:59Z", "9999-12-31T23:59:59.99999+18:00",
+           "2024-03-05T10:20:30+14:00", "2024-03-05T10:20:30-12:00", "2024-03-05T10:20:30+18:59",
+           "2024-03-05T10:20:30+19:00", "2024-03-05T10:20:30-00:00", "2024-03-05T10:20:30+0000",
+           "2024-03-05T10:20:60Z", "2016-12-31T23:59:60Z", "2024-03-05T10:20:30.00000Z",
+           "2024-03-05T10:20:30.99999Z", "2024-03-05T10:20:30.1234Z", "2024-03-05T10:20:30.123456Z",
+           "2024-03-05T10:20:30z", "2024-03-05T10:20:30+01", "2024-03-05T10:20:30+01:00:00",
+           "0999-03-05T10:20:30Z", "0001-01-01T00:00:00Z", "2024-03-05T10:20:30.Z",
+           "2024-03-05T10:20:30+1:00", "2024-03-05T10:20:30+01:0"}) {
+    expectSameAsICU(tools, text);
+  }
+  // clang-format on
+  std::string fullwidth;  // digits ICU's number parser also reads
+  for (int i = 0; i < 40; ++i) fullwidth += "\xef\xbc\x94";
+  // clang-format off
+  const std::string refused[] = {
+      "", "garbage", "2024-03-05", "2024-03-05T10:20:30", "2024-03-05T10:20:30Z junk",
+      "2024-03-05T10:20:30+01:00x", "2024-02-30T10:20:30Z", "2023-02-29T10:20:30Z",
+      "1900-02-29T00:00:00Z", "2024-03-05T24:00:00Z", "2024-03-05T10:60:30Z",
+      "2024-03-05T10:20:61Z", "2024-13-05T10:20:30Z", "2024-03-05T10:20:30+24:00",
+      "2024-03-05 10:20:30Z", std::string("2024-03-05T10:20:30\0Z", 21),
+      "2024-03-05T10:20:30\xff\xfe", "\xc3\x28\xa0\xa1\xe2\x28\xa1", std::string(100000, '9'),
+      std::string(5000, '-'),
+      // ICU divides by zero on a fraction of 35 digits or more; such runs never reach it.
+      "2024-03-05T10:20:30." + std::string(40, '4') + "+00:00",
+      "2024-03-05T10:20:30." + std::string(40, '4') + "Z", "2024-03-05T10:20:30." + fullwidth + "Z",
+  };
+  // clang-format on
+  for (const std::string& text : refused) {
+    expectSameAsICU(tools, text);
+    EXPECT_EQ(tools.dateFromRFC3339StringWithICU(text), std::nullopt) << text.substr(0, 40);
+  }
 }
 
 }  // namespace
