@@ -38,7 +38,9 @@ TEST(PreferredLanguagesTest, FromTheEnvironment) {
       {{{"LC_ALL", "POSIX"}, {"LANG", "de_DE"}}, {"en"}},
       {{{"LANGUAGE", ":::"}}, {"en"}},
   };
-  for (const auto& [env, languages] : rows) {
+  for (const auto& [variables, languages] : rows) {
+    // A lambda may not capture a structured binding (clang before 16).
+    const auto& env = variables;
     EXPECT_EQ(preferredLanguagesFromLocale([&env](std::string_view name) {
                 auto it = env.find(name);
                 return it == env.end() ? std::nullopt : std::optional<std::string>(it->second);
