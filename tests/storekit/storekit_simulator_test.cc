@@ -57,9 +57,6 @@ class Recorder final : public SKPaymentTransactionObserver, public SKProductsReq
   void requestDidFinish(const std::shared_ptr<SKRequest>&) override {
     events.push_back("finished");
   }
-  void request(const std::shared_ptr<SKRequest>&, ZBIAPErrorPtr error) override {
-    events.push_back("failed " + std::to_string(error->code()));
-  }
 
   bool finish = true;
   std::vector<std::string> events;
