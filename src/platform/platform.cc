@@ -29,6 +29,15 @@ std::shared_ptr<Platform>& defaultLocked() {
   return *defaultPlatform;
 }
 
+// The current platform, kept alive for the caller. A network thread that hands a completion to
+// the main queue while the host installs another platform (at shutdown, say) must not have the
+// platform destroyed under it; if it holds the last reference, the platform goes when it is done.
+std::shared_ptr<Platform> retainCurrent() {
+  std::lock_guard<std::mutex> lock(installMutex());
+  if (installed != nullptr && *installed) return *installed;
+  return defaultLocked();
+}
+
 }  // namespace
 
 Platform& Platform::current() {
@@ -56,7 +65,8 @@ std::shared_ptr<Platform> Platform::install(std::shared_ptr<Platform> platform) 
 }
 
 void runOnMainThread(Task task) {
-  MainQueue& queue = Platform::current().mainQueue();
+  const std::shared_ptr<Platform> platform = retainCurrent();
+  MainQueue& queue = platform->mainQueue();
   if (queue.isMainThread()) {
     task();
   } else {
